@@ -1,0 +1,99 @@
+# The building blocks: layers, the shared library made of them, and their tests.
+
+set_property(GLOBAL PROPERTY TAVRONET_LAYERS "")
+set_property(GLOBAL PROPERTY TAVRONET_LIBRARIES "")
+set_property(GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS "")
+
+# tavronet_layer(net DEPENDS platform
+#     SOURCES AddressText.cpp ...
+#     PUBLIC_HEADERS AddressText.h ...    installed as tavronet/net/AddressText.h; other headers stay internal
+#     LIBRARIES ...)                      libraries from outside, if any
+# makes the static target tavronet_net, which carries its include root and everything below it.
+function(tavronet_layer name)
+    cmake_parse_arguments(PARSE_ARGV 1 layer "" "" "DEPENDS;SOURCES;PUBLIC_HEADERS;LIBRARIES")
+    if(layer_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "tavronet_layer(${name}): unexpected ${layer_UNPARSED_ARGUMENTS}")
+    endif()
+    list(TRANSFORM layer_DEPENDS PREPEND "tavronet_")
+
+    add_library(tavronet_${name} STATIC ${layer_SOURCES})
+    target_include_directories(tavronet_${name} PUBLIC "${PROJECT_SOURCE_DIR}")
+    target_compile_features(tavronet_${name} PUBLIC cxx_std_20)
+    target_link_libraries(tavronet_${name} PUBLIC ${layer_DEPENDS} PRIVATE ${layer_LIBRARIES})
+
+    set(headers "${layer_PUBLIC_HEADERS}")
+    list(TRANSFORM headers PREPEND "tavronet/${name}/")
+    set_property(GLOBAL APPEND PROPERTY TAVRONET_LAYERS ${name})
+    set_property(GLOBAL APPEND PROPERTY TAVRONET_LIBRARIES ${layer_LIBRARIES})
+    set_property(GLOBAL APPEND PROPERTY TAVRONET_PUBLIC_HEADERS ${headers})
+endfunction()
+
+# The shared library TavroNET::TavroNET, made of the objects of all layers.
+function(tavronet_shared_library)
+    get_property(layers GLOBAL PROPERTY TAVRONET_LAYERS)
+    get_property(libraries GLOBAL PROPERTY TAVRONET_LIBRARIES)
+    if(NOT layers)
+        return()
+    endif()
+
+    add_library(tavronet SHARED)
+    add_library(TavroNET::TavroNET ALIAS tavronet)
+    foreach(layer IN LISTS layers)
+        target_sources(tavronet PRIVATE $<TARGET_OBJECTS:tavronet_${layer}>)
+    endforeach()
+    set_target_properties(tavronet PROPERTIES
+        LINKER_LANGUAGE CXX
+        EXPORT_NAME TavroNET
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_include_directories(tavronet PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_compile_features(tavronet INTERFACE $<$<COMPILE_LANGUAGE:CXX>:cxx_std_20>)
+    target_link_libraries(tavronet PRIVATE ${libraries})
+
+    set(map "${PROJECT_SOURCE_DIR}/cmake/tavronet.map")
+    target_link_options(tavronet PRIVATE "LINKER:--version-script=${map}")
+    set_property(TARGET tavronet APPEND PROPERTY LINK_DEPENDS "${map}")
+    if(NOT TAVRONET_SANITIZE)
+        target_link_options(tavronet PRIVATE "LINKER:--no-undefined") # a sanitizer's run-time sits in the program
+    endif()
+endfunction()
+
+# tavronet_test(net_tests LAYER net
+#     SOURCES AddressTextTest.cpp ...
+#     [LIBRARIES ...]       more libraries
+#     [LABELS ...]          CTest labels beside the layer's name; "threads" also runs in the tsan preset
+#     [TIMEOUT seconds]     60 when not given
+#     [IN_LAN]              run the whole executable as one CTest test on a private LAN of its own (scripts/with-lan),
+#                           skipped where network namespaces are refused. For everything that searches.
+#     [LAN_OPTIONS ...])    options for scripts/with-lan, for example -n 2
+# makes an executable that links the layer, everything below it, GoogleTest and tests/support.
+function(tavronet_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 test "IN_LAN" "LAYER;TIMEOUT" "SOURCES;LIBRARIES;LABELS;LAN_OPTIONS")
+    if(test_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "tavronet_test(${name}): unexpected ${test_UNPARSED_ARGUMENTS}")
+    endif()
+    if(NOT test_TIMEOUT)
+        set(test_TIMEOUT 60)
+    endif()
+    set(layer_target "")
+    if(test_LAYER)
+        set(layer_target tavronet_${test_LAYER})
+    endif()
+
+    add_executable(${name} ${test_SOURCES})
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin/tests")
+    target_link_libraries(${name} PRIVATE
+        tavronet_test_support ${layer_target} ${test_LIBRARIES} GTest::gmock GTest::gtest_main)
+
+    set(properties TIMEOUT ${test_TIMEOUT} LABELS "${test_LAYER};${test_LABELS}")
+    if(test_IN_LAN)
+        add_test(NAME ${name}
+            COMMAND "${PROJECT_SOURCE_DIR}/scripts/with-lan" ${test_LAN_OPTIONS} -- $<TARGET_FILE:${name}>)
+        set_tests_properties(${name} PROPERTIES ${properties} SKIP_RETURN_CODE 77)
+    else()
+        # Asked for when CTest starts and not while building: a test program that cannot start fails as a test.
+        gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+    endif()
+endfunction()
