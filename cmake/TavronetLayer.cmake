@@ -65,8 +65,8 @@ endfunction()
 #     [LIBRARIES ...]       more libraries
 #     [LABELS ...]          CTest labels beside the layer's name; "threads" also runs in the tsan preset
 #     [TIMEOUT seconds]     60 when not given
-#     [IN_LAN]              run the whole executable as one CTest test on a private LAN of its own (scripts/with-lan),
-#                           skipped where network namespaces are refused. For everything that searches.
+#     [IN_LAN]              run each test on a private LAN of its own (scripts/with-lan), skipped where network
+#                           namespaces are refused. For everything that searches.
 #     [LAN_OPTIONS ...])    options for scripts/with-lan, for example -n 2
 # makes an executable that links the layer, everything below it, GoogleTest and tests/support.
 function(tavronet_test name)
@@ -87,13 +87,13 @@ function(tavronet_test name)
     target_link_libraries(${name} PRIVATE
         tavronet_test_support ${layer_target} ${test_LIBRARIES} GTest::gmock GTest::gtest_main)
 
-    set(properties TIMEOUT ${test_TIMEOUT} LABELS "${test_LAYER};${test_LABELS}")
     if(test_IN_LAN)
-        add_test(NAME ${name}
-            COMMAND "${PROJECT_SOURCE_DIR}/scripts/with-lan" ${test_LAN_OPTIONS} -- $<TARGET_FILE:${name}>)
-        set_tests_properties(${name} PROPERTIES ${properties} SKIP_RETURN_CODE 77)
-    else()
-        # Asked for when CTest starts and not while building: a test program that cannot start fails as a test.
-        gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+        set_target_properties(${name} PROPERTIES
+            CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/tests/support/run-in-lan;${test_LAN_OPTIONS};--")
     endif()
+    # Asked for when CTest starts and not while building: a test program that cannot start fails as a test.
+    gtest_discover_tests(${name}
+        DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${test_TIMEOUT} LABELS "${test_LAYER};${test_LABELS}" SKIP_RETURN_CODE 77)
 endfunction()
