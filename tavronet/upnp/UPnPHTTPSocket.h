@@ -1,0 +1,66 @@
+#ifndef TAVRONET_UPNP_UPNPHTTPSOCKET_H
+#define TAVRONET_UPNP_UPNPHTTPSOCKET_H
+
+#include <cstddef>
+#include <initializer_list>
+
+#include "tavronet/upnp/UPnPSocket.h"
+
+class CUPnPObject;
+
+/// One HTTP request and its one response, on a connection of its own: connects at once, collects the
+/// response, hands it to its object when it is complete, and on close asks its owner for release.
+///
+/// Owner: the device or service that made it. ReleaseSocket deletes it, also inside its own notifications.
+/// During a notification: the object reads the response, which may raise host events; the host may then do
+/// anything, including the deletion of this socket, its object and the network.
+/// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s.
+class TAVRONET_API CUPnPHTTPSocket : public CUPnPSocket
+{
+public:
+    /// Connects to `host`:`hostPort`; the outcome arrives by OnConnect. A target that no gateway has
+    /// (wildcard, loopback, multicast, broadcast, port 0) is refused unless the object's device was heard
+    /// from that very address; then, or when creation fails, GetErrorState is true and no notification
+    /// follows.
+    /// @param localAddress numeric, null or empty for any.  @param host numeric address without brackets, or
+    /// a
+    ///        name.  @param object borrowed: receives the response.
+    CUPnPHTTPSocket(const char* localAddress, UINT localPort, const char* host, UINT hostPort,
+                    CUPnPObject* object);
+    ~CUPnPHTTPSocket() override;
+
+    /// Whether the response has been handed over (once at most).
+    bool GetHTMLProcessed() const { return m_bHTMLProcessed; }
+
+    /// Whether the connection has lived longer than any exchange may take; upkeep then releases it.
+    bool Overdue() const;
+
+protected:
+    CUPnPObject* GetObjectW() const { return m_pUPnPObject; }
+
+    /// Takes the response when it is complete, otherwise waits for more.
+    bool ProcessReceive(unsigned char*& data, int& length) override;
+
+    /// Hands over a response that only the close ends, then releases the socket.
+    void OnClose(int error) override;
+
+    /// Returns the socket to its owner, who deletes it before this returns.
+    virtual void ReleaseSocket() = 0;
+
+    /// Sends a request whose parts hold no byte that could end a line or a word of it; otherwise, when the
+    /// peer supplied such a part, gives the connection up.
+    void SendRequest(const CStringA& request, std::initializer_list<CStringA> peerTexts);
+
+private:
+    void ReadHeader(const char* message, std::size_t bodyStart);
+    void Deliver(const char* message, int length, std::size_t bodyStart, bool closed);
+
+    CUPnPObject* m_pUPnPObject; // not owned
+    bool m_bHeaderParsed = false;
+    bool m_bHTMLProcessed = false;
+    int m_ContentLength = -1;   // -1: none announced
+    std::size_t m_Searched = 0; // no blank line begins before this offset of the response
+    DWORD m_CreatedTick;
+};
+
+#endif
