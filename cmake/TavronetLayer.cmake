@@ -14,6 +14,7 @@ function(tavronet_layer name)
     if(layer_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tavronet_layer(${name}): unexpected ${layer_UNPARSED_ARGUMENTS}")
     endif()
+    set_property(GLOBAL PROPERTY TAVRONET_DEPENDS_${name} ${layer_DEPENDS})
     list(TRANSFORM layer_DEPENDS PREPEND "tavronet_")
 
     add_library(tavronet_${name} STATIC ${layer_SOURCES})
