@@ -1,0 +1,117 @@
+#ifndef TAVRONET_UPNP_UPNPDIALECT_H
+#define TAVRONET_UPNP_UPNPDIALECT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tavronet/platform/String.h"
+#include "tavronet/platform/Types.h"
+
+class CUPnPDevice;
+class CUPnPObject;
+class CUPnPService;
+
+namespace tavronet
+{
+
+/// Where a URL points.
+struct URLParts
+{
+    CString host; ///< without brackets; empty when the URL gives none
+    UINT port = 80;
+    CString path; ///< path and query
+};
+
+/// One action as it is sent; everything is borrowed for the call.
+struct ActionText
+{
+    const CString& host;
+    UINT port;
+    const CString& path;
+    const CString& serviceType;
+    const CString& action;
+    const std::vector<CString>& params; ///< name, value, name, value ...
+};
+
+/// What an answer says: in `status`, `results` the HTTP status and the pairs that were sent; out what was
+/// found.
+struct ActionAnswer
+{
+    int status = 0;
+    std::vector<CString> results; ///< name, value, name, value ...
+    CString errorCode;
+    CString errorDescription;
+};
+
+/// How to speak with gateways: the one place that knows which texts they write and understand.
+///
+/// Two implementations without state: the classic one reads line by line, in the forms that gateways of the
+/// first generation use; the modern one reads XML. Nothing else in the library asks which of them is in use.
+class UPnPDialect
+{
+public:
+    virtual ~UPnPDialect();
+
+    /// The search datagrams for one interface, in sending order.
+    /// @param group the multicast group.
+    virtual std::vector<std::string> SearchRequests(const char* group, UINT port) const = 0;
+
+    /// Whether an announcement with this URN (from its USN) is about a gateway.
+    virtual bool WantsAnnouncement(const CString& urn) const = 0;
+
+    /// The whole request for a description; IPv6 hosts come without brackets.
+    virtual std::string DescriptionRequest(const CString& host, UINT port, const CString& path) const = 0;
+
+    /// The whole request for an action.
+    virtual std::string ActionRequest(const ActionText& action) const = 0;
+
+    /// Finds the body of a response that is still arriving.
+    /// @param from bytes known to hold no end of the header, less three: what an earlier call returned
+    /// nothing for.
+    /// @return behind the blank line that ends the header, npos as long as that is not there.
+    virtual std::size_t FindBody(std::string_view message, std::size_t from) const = 0;
+
+    /// The body's length from the header, -1 when it gives none. `header` ends in the blank line.
+    virtual int AnnouncedLength(std::string_view header) const = 0;
+
+    /// Whether all of a response has arrived.
+    /// @param message header and body so far.  @param bodyStart from FindBody.
+    /// @param announced from AnnouncedLength.
+    virtual bool Complete(std::string_view message, std::size_t bodyStart, int announced) const = 0;
+
+    /// The body to hand over: of a complete response, or of one whose connection was closed.
+    /// @param storage holds the body when it had to be changed; a zero byte stands behind the body as it does
+    ///        behind `message`.
+    virtual std::string_view DecodeBody(std::string_view message, std::size_t bodyStart, int announced,
+                                        std::string& storage) const = 0;
+
+    /// Fills `device` from its description: builds embedded devices and services, sets their control
+    /// addresses and raises their events, each device's after those of what it contains. Runs foreign code;
+    /// returns early when it deletes the device.
+    /// @param document a zero byte stands behind it.
+    virtual void ReadDescription(CUPnPDevice& device, std::string_view document) const = 0;
+
+    /// Reads an answer's body: fault texts when the status is not 200, otherwise the value of each pair,
+    /// which keeps what was sent when the answer gives none.
+    virtual void ReadAnswer(ActionAnswer& answer, std::string_view body) const = 0;
+
+    virtual URLParts SplitURL(const CString& url) const = 0;
+
+    /// The service that maps ports, anywhere below the device; null when there is none.
+    virtual CUPnPService* FindConnectionService(CUPnPDevice& device) const = 0;
+
+    /// Whether an add that the gateway refused is reported as failed by the flat interface.
+    virtual bool RefusalIsFailure() const = 0;
+};
+
+const UPnPDialect& ClassicDialect();
+const UPnPDialect& ModernDialect();
+
+/// The dialect of the node's network; the classic one without a network.
+const UPnPDialect& DialectOf(const CUPnPObject& node);
+
+} // namespace tavronet
+
+#endif
