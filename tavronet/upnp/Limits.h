@@ -34,6 +34,30 @@ inline constexpr UINT kMaxRediscoverAttempts = 3;
 /// The least time between two checks of a device's mappings.
 inline constexpr DWORD kVerifySpacingMs = 10000;
 
+/// One HTTP response, header and body. Descriptions of real gateways stay below 100 KiB, and the response is
+/// searched and read on the host's thread.
+inline constexpr std::size_t kMaxHttpResponseBytes = 1024 * 1024;
+
+/// The whole life of an HTTP connection: a peer that sends a byte now and then is never idle.
+inline constexpr DWORD kMaxHttpConnectionAgeMs = 60000;
+
+/// Registered devices. Answers can come from forged sources, and each new one costs a connection.
+inline constexpr std::size_t kMaxDevices = 128;
+
+/// Devices whose description has not been read: so many connections may be open for answers nobody vouches for.
+inline constexpr std::size_t kMaxUndescribedDevices = 16;
+
+/// Actions that wait behind the one in flight; each takes up to 10 s.
+inline constexpr std::size_t kMaxQueuedActions = 1024;
+
+/// The part of a datagram that is read; search answers and announcements have about 500 bytes.
+inline constexpr int kMaxDatagramBytes = 2047;
+
+/// Searches are repeated for this long, with this spacing, and begin anew after that.
+inline constexpr DWORD kDiscoverPeriodMs = 10000;
+inline constexpr DWORD kRediscoverSpacingMs = 1000;
+inline constexpr DWORD kFullDiscoveryMs = 300000;
+
 } // namespace tavronet
 
 #endif
