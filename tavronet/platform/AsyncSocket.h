@@ -10,6 +10,12 @@
 struct sockaddr_storage;
 struct sockaddr;
 
+namespace tavronet
+{
+class AsyncSocketDelivery;
+class NameLookup;
+} // namespace tavronet
+
 /// The notifications that AsyncSelect selects.
 inline constexpr LONG FD_READ = 1;
 inline constexpr LONG FD_WRITE = 2;
@@ -115,17 +121,23 @@ protected:
     std::uint64_t HandleId() const { return m_Id; }
 
 private:
-    friend class tavronet::MessageQueue;
-    struct Ops;
-    friend struct Ops;
+    friend class tavronet::AsyncSocketDelivery;
+    friend class tavronet::NameLookup;
 
-    std::uint64_t m_Id = 0;   // the queue's name for the present handle
-    ThreadQueue m_pQueue;     // shared, so that a socket may outlive its thread
-    UINT m_Announced = 0;     // bytes the system has announced and nobody has read since
-    int m_Error = 0;          // the connection's first error, which the system tells only once
-    UINT m_State = 0;         // bits of AsyncSocket.cpp
-    std::uint8_t m_Events = 0;      // selected notifications
-    std::uint8_t m_ReadDepth = 0;   // FD_READ and FD_CLOSE being delivered now
+    BOOL AdoptHandle(int descriptor, LONG events, UINT state);
+    BOOL ConnectTo(const sockaddr_storage& address, int addressLength);
+    void LookUpAndConnect(const char* host, UINT port);
+    void NoteReceived(int result, int length, int flags);
+    SOCKET ReleaseHandle(bool stayingOpen);
+    int FailedTransfer(int systemError);
+
+    std::uint64_t m_Id = 0; // the queue's name for the present handle
+    ThreadQueue m_pQueue;   // shared, so that a socket may outlive its thread
+    UINT m_State = 0;       // bits of AsyncSocketDelivery.h
+    UINT m_Announced = 0;   // bytes the system has announced and nobody has read since
+    int m_Error = 0;        // the connection's first error, which the system tells only once
+    std::uint8_t m_Events = 0;    // selected notifications
+    std::uint8_t m_ReadDepth = 0; // FD_READ and FD_CLOSE notifications on the stack
 };
 
 #endif

@@ -29,23 +29,6 @@ int Checked(int result)
     return result;
 }
 
-int CodeOfResolver(int result)
-{
-    switch (result) {
-    case 0: return 0;
-    case EAI_AGAIN: return WSATRY_AGAIN;
-    case EAI_FAIL: return WSANO_RECOVERY;
-    case EAI_FAMILY: return WSAEAFNOSUPPORT;
-    case EAI_SOCKTYPE: return WSAESOCKTNOSUPPORT;
-    case EAI_SERVICE: return WSATYPE_NOT_FOUND;
-    case EAI_BADFLAGS: return WSAEINVAL;
-    case EAI_MEMORY: return WSA_NOT_ENOUGH_MEMORY;
-    case EAI_SYSTEM: return tavronet::LastErrorFromErrno(errno);
-    default: // unknown, not numeric, or of the other family
-        return WSAHOST_NOT_FOUND;
-    }
-}
-
 int CodeOfHostLookup(int result)
 {
     switch (result) {
@@ -92,6 +75,22 @@ bool Grow(std::string& buffer)
 
 } // namespace
 
+int platform::ResolverError(int result)
+{
+    switch (result) {
+    case 0: return 0;
+    case EAI_AGAIN: return WSATRY_AGAIN;
+    case EAI_FAIL: return WSANO_RECOVERY;
+    case EAI_FAMILY: return WSAEAFNOSUPPORT;
+    case EAI_SOCKTYPE: return WSAESOCKTNOSUPPORT;
+    case EAI_SERVICE: return WSATYPE_NOT_FOUND;
+    case EAI_BADFLAGS: return WSAEINVAL;
+    case EAI_MEMORY: return WSA_NOT_ENOUGH_MEMORY;
+    case EAI_SYSTEM: return tavronet::LastErrorFromErrno(errno);
+    default: // unknown, not numeric, or of the other family
+        return WSAHOST_NOT_FOUND;
+    }
+}
 int platform::getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** result)
 {
     if (host != nullptr && *host == '\0')
@@ -99,11 +98,11 @@ int platform::getaddrinfo(const char* host, const char* service, const addrinfo*
     if (IsNumberOutsidePorts(service))
         return WSATYPE_NOT_FOUND;
     if (hints == nullptr || hints->ai_socktype == SOCK_STREAM)
-        return CodeOfResolver(::getaddrinfo(host, service, hints, result));
+        return ResolverError(::getaddrinfo(host, service, hints, result));
 
     addrinfo anyProtocol = *hints;
     anyProtocol.ai_protocol = 0;
-    return CodeOfResolver(::getaddrinfo(host, service, &anyProtocol, result));
+    return ResolverError(::getaddrinfo(host, service, &anyProtocol, result));
 }
 
 void platform::freeaddrinfo(addrinfo* result)
@@ -116,7 +115,7 @@ int platform::getnameinfo(const sockaddr* address, int addressLength, char* host
                           int serviceSize, int flags)
 {
     const auto unsignedSize = [](int size) { return static_cast<socklen_t>(size < 0 ? 0 : size); };
-    return CodeOfResolver(::getnameinfo(address, unsignedSize(addressLength), host, unsignedSize(hostSize),
+    return ResolverError(::getnameinfo(address, unsignedSize(addressLength), host, unsignedSize(hostSize),
                                         service, unsignedSize(serviceSize), flags));
 }
 

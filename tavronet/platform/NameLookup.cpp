@@ -1,0 +1,154 @@
+#include "tavronet/platform/NameLookup.h"
+
+#include <netdb.h>
+
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "tavronet/platform/AsyncSocketDelivery.h"
+#include "tavronet/platform/LastError.h"
+#include "tavronet/platform/MessageQueueObject.h"
+#include "tavronet/platform/SocketCalls.h"
+
+namespace tavronet
+{
+namespace
+{
+
+constexpr std::size_t kMaxRunning = 4;
+constexpr std::size_t kMaxWaiting = 256;
+
+} // namespace
+
+// One look-up; owned by whoever handles it next: the line, the system, the socket's queue.
+struct NameLookup::Request
+{
+    std::string host;
+    std::string service;
+    addrinfo hints{};
+    gaicb control{};
+    ThreadQueue queue;
+    std::uint64_t socketId = 0;
+
+    ~Request()
+    {
+        if (control.ar_result != nullptr)
+            freeaddrinfo(control.ar_result);
+    }
+};
+
+struct NameLookup::Line
+{
+    std::mutex lock; // guards the rest
+    std::size_t running = 0;
+    std::deque<Request*> waiting;
+
+    static Line& Instance()
+    {
+        static Line& line = *new Line; // never destroyed: look-ups may end during static destruction
+        return line;
+    }
+};
+
+bool NumericAddress(const char* text, UINT port, sockaddr_storage& address, int& addressLength)
+{
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (platform::getaddrinfo(text, std::to_string(port).c_str(), &hints, &found) != 0)
+        return false;
+    std::memcpy(&address, found->ai_addr, found->ai_addrlen);
+    addressLength = static_cast<int>(found->ai_addrlen);
+    freeaddrinfo(found);
+    return true;
+}
+
+bool NameLookup::Start(CAsyncSocket& socket, const char* host, UINT port)
+{
+    auto request = std::make_unique<Request>();
+    request->host = host;
+    request->service = std::to_string(port);
+    request->hints.ai_family = AF_INET;
+    request->hints.ai_socktype = SOCK_STREAM;
+    request->control.ar_name = request->host.c_str();
+    request->control.ar_service = request->service.c_str();
+    request->control.ar_request = &request->hints;
+    request->queue = socket.m_pQueue;
+    request->socketId = socket.m_Id;
+
+    Line& line = Line::Instance();
+    {
+        const std::lock_guard lock(line.lock);
+        if (line.running >= kMaxRunning)
+        {
+            if (line.waiting.size() >= kMaxWaiting)
+                return false;
+            line.waiting.push_back(request.release());
+            return true;
+        }
+        ++line.running;
+    }
+    Begin(request.release());
+    return true;
+}
+
+void NameLookup::Begin(Request* request)
+{
+    sigevent completion{};
+    completion.sigev_notify = SIGEV_THREAD;
+    completion.sigev_value.sival_ptr = request;
+    completion.sigev_notify_function = [](sigval value) { Ended(static_cast<Request*>(value.sival_ptr)); };
+    gaicb* list[] = {&request->control};
+    if (getaddrinfo_a(GAI_NOWAIT, list, 1, &completion) != 0)
+        Ended(request); // reads as "in progress", which GoOn treats as a failure
+}
+
+// On a thread of the system: starts the next in line and hands the outcome to the socket's thread.
+void NameLookup::Ended(Request* request)
+{
+    Request* next = nullptr;
+    Line& line = Line::Instance();
+    {
+        const std::lock_guard lock(line.lock);
+        if (line.waiting.empty())
+            --line.running;
+        else
+        {
+            next = line.waiting.front();
+            line.waiting.pop_front();
+        }
+    }
+    const ThreadQueue queue = request->queue;
+    queue->Post(&NameLookup::GoOn, request);
+    if (next != nullptr)
+        Begin(next);
+}
+
+void NameLookup::GoOn(void* argument)
+{
+    const std::unique_ptr<Request> request(static_cast<Request*>(argument));
+    CAsyncSocket* const socket = request->queue->Find(request->socketId);
+    if (socket == nullptr || !(socket->m_State & SocketState::LookingUp))
+        return;
+
+    socket->m_State &= ~UINT{SocketState::LookingUp};
+    const int failure = gai_error(&request->control);
+    if (failure != 0 || request->control.ar_result == nullptr)
+        return AsyncSocketDelivery::EndConnect(*socket, platform::ResolverError(failure));
+
+    sockaddr_storage address{};
+    std::memcpy(&address, request->control.ar_result->ai_addr, request->control.ar_result->ai_addrlen);
+    const LifetimeGuard guard(*socket);
+    const int before = WSAGetLastError();
+    const bool made = socket->ConnectHelper(&address, static_cast<int>(request->control.ar_result->ai_addrlen)) != 0;
+    if (guard.Alive() && !made && WSAGetLastError() != WSAEWOULDBLOCK)
+        AsyncSocketDelivery::EndConnect(*socket, WSAGetLastError());
+    WSASetLastError(before);
+}
+
+} // namespace tavronet
