@@ -4,6 +4,19 @@ set_property(GLOBAL PROPERTY TAVRONET_LAYERS "")
 set_property(GLOBAL PROPERTY TAVRONET_LIBRARIES "")
 set_property(GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS "")
 
+# While the tree grows: leaves out sources that are not there yet.
+function(tavronet_present_sources list)
+    set(present "")
+    foreach(source IN LISTS ${list})
+        if(EXISTS "${CMAKE_CURRENT_SOURCE_DIR}/${source}" OR IS_ABSOLUTE "${source}")
+            list(APPEND present "${source}")
+        else()
+            message(WARNING "${source} is not there yet")
+        endif()
+    endforeach()
+    set(${list} "${present}" PARENT_SCOPE)
+endfunction()
+
 # tavronet_layer(net DEPENDS platform
 #     SOURCES AddressText.cpp ...
 #     PUBLIC_HEADERS AddressText.h ...    installed as tavronet/net/AddressText.h; other headers stay internal
@@ -14,6 +27,11 @@ function(tavronet_layer name)
     if(layer_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tavronet_layer(${name}): unexpected ${layer_UNPARSED_ARGUMENTS}")
     endif()
+    tavronet_present_sources(layer_SOURCES)
+    if(NOT layer_SOURCES)
+        return()
+    endif()
+
     set_property(GLOBAL PROPERTY TAVRONET_DEPENDS_${name} ${layer_DEPENDS})
     list(TRANSFORM layer_DEPENDS PREPEND "tavronet_")
 
@@ -74,6 +92,10 @@ function(tavronet_test name)
     cmake_parse_arguments(PARSE_ARGV 1 test "IN_LAN" "LAYER;TIMEOUT" "SOURCES;LIBRARIES;LABELS;LAN_OPTIONS")
     if(test_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tavronet_test(${name}): unexpected ${test_UNPARSED_ARGUMENTS}")
+    endif()
+    tavronet_present_sources(test_SOURCES)
+    if(NOT test_SOURCES OR (test_LAYER AND NOT TARGET tavronet_${test_LAYER}))
+        return()
     endif()
     if(NOT test_TIMEOUT)
         set(test_TIMEOUT 60)

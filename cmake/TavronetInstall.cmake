@@ -1,0 +1,36 @@
+# What `cmake --install` puts where, so that others find the library by find_package(TavroNET) and by pkg-config.
+include(CMakePackageConfigHelpers)
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/TavroNET")
+set(generated_dir "${PROJECT_BINARY_DIR}/package")
+
+install(TARGETS tavronet EXPORT TavroNETTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(EXPORT TavroNETTargets NAMESPACE TavroNET:: DESTINATION "${package_dir}")
+
+get_property(public_headers GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS)
+foreach(header IN LISTS public_headers ITEMS tavronet/tavronet.h)
+    cmake_path(GET header PARENT_PATH folder)
+    install(FILES "${PROJECT_SOURCE_DIR}/${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}")
+endforeach()
+
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/TavroNETConfig.cmake.in"
+    "${generated_dir}/TavroNETConfig.cmake"
+    INSTALL_DESTINATION "${package_dir}")
+write_basic_package_version_file("${generated_dir}/TavroNETConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion) # before 1.0 a minor version may change the interface
+install(FILES "${generated_dir}/TavroNETConfig.cmake" "${generated_dir}/TavroNETConfigVersion.cmake"
+    DESTINATION "${package_dir}")
+
+# Relative to the file itself, so that the installed tree may be moved.
+file(RELATIVE_PATH pc_to_prefix "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+configure_file("${CMAKE_CURRENT_LIST_DIR}/tavronet.pc.in" "${generated_dir}/tavronet.pc" @ONLY)
+install(FILES "${generated_dir}/tavronet.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+if(TAVRONET_BUILD_TOOLS)
+    foreach(tool IN ITEMS tavronet_command tavronet_gateway)
+        if(TARGET ${tool})
+            install(TARGETS ${tool} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+        endif()
+    endforeach()
+endif()
