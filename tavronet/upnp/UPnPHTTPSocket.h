@@ -3,9 +3,12 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <string>
+#include <string_view>
 
 #include "tavronet/upnp/UPnPSocket.h"
 
+class CUPnPDevice;
 class CUPnPObject;
 
 /// One HTTP request and its one response, on a connection of its own: connects at once, collects the
@@ -47,19 +50,26 @@ protected:
     /// Returns the socket to its owner, who deletes it before this returns.
     virtual void ReleaseSocket() = 0;
 
-    /// Sends a request whose parts hold no byte that could end a line or a word of it; otherwise, when the
-    /// peer supplied such a part, gives the connection up.
-    void SendRequest(const CStringA& request, std::initializer_list<CStringA> peerTexts);
+    /// Refuses targets that no gateway has, and gives a link-local one the interface it was heard on.
+    BOOL ConnectHelper(const sockaddr_storage* address, int addressLength) override;
+
+    /// Sends a request, or gives the connection up when a text in it that came from the network could end a
+    /// line or a word of it. May delete this socket.
+    void SendRequest(const std::string& request, std::initializer_list<CString> networkTexts);
 
 private:
-    void ReadHeader(const char* message, std::size_t bodyStart);
-    void Deliver(const char* message, int length, std::size_t bodyStart, bool closed);
+    CUPnPDevice* HeardDevice() const;
+    bool HeaderArrived(std::string_view message);
+    bool Acceptable(std::string_view message) const;
+    void Deliver(std::string_view message);
+    void DeliverHeldResponse();
 
     CUPnPObject* m_pUPnPObject; // not owned
     bool m_bHeaderParsed = false;
     bool m_bHTMLProcessed = false;
-    int m_ContentLength = -1;   // -1: none announced
-    std::size_t m_Searched = 0; // no blank line begins before this offset of the response
+    int m_ContentLength = -1;    // -1: none announced
+    std::size_t m_Searched = 0;  // the end of the header does not begin before this offset
+    std::size_t m_BodyStart = 0; // once the header has been parsed
     DWORD m_CreatedTick;
 };
 

@@ -109,13 +109,17 @@ public:
     const tavronet::UPnPDialect& Dialect() const;
 
 private:
+    class RecordHolder; // an announcement's record while the host looks at it
+
     int FindUPnPDevice(const char* usn) const;
     bool HasRoomForDevice() const;
     bool IsRegistered(const CUPnPDevice* device) const;
+    bool IsBeingReleased(const CUPnPDevice* device) const;
+    void Unregister(CUPnPDevice* device);
     bool TickleDevices(bool discoverComplete);
     void SearchForExpired(CUPnPDevice& device);
+    CUPnPSSDPSocket* FindSSDPSocket(const CString& address) const;
     void ReleaseUPnPDevices();
-    void ReleaseUPnPSSDPSocket(CUPnPSSDPSocket* socket);
     void ReleaseUPnPSSDPSockets();
 
     std::vector<CUPnPSSDPSocket*> m_SSDPSockets;     // owned, deleted by ReleaseUPnPSSDPSockets

@@ -91,7 +91,7 @@ protected:
     CUPnPDevice* GetParent() const;
 
 private:
-    friend class CUPnPDevice; // reads descriptions into services
+    friend class tavronet::DescriptionBuilder; // fills in what the description says
 
     struct BlockingCall;
     struct QueuedCommand
@@ -100,11 +100,13 @@ private:
         std::vector<CString> arguments;
     };
 
-    bool InFlight() const;
+    bool IsInFlight() const;
     bool Enqueue(CString action, std::vector<CString> arguments);
-    bool StartCommand();
-    bool WaitForAnswer(BlockingCall& call, HANDLE cancel);
-    void StartQueuedCommands();
+    bool Send();
+    bool SendAndWait(HANDLE cancel);
+    bool OpenConnection();
+    void WakeBlockingCall(bool answered);
+    void StartQueuedCommand();
 
     // from the description
     CString m_ServiceID;
