@@ -1,0 +1,83 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavronet
+{
+
+/// One request as the simulated gateway received it, byte for byte.
+struct GatewayRequest
+{
+    std::string kind; // "request", "datagram" or "incomplete"
+    std::string peer; // "127.0.0.1:40000"
+    std::string bytes;
+};
+
+/// A simulated gateway (tavronet-gateway) that lives as long as this object. One that ends otherwise than
+/// well, by a sanitizer's finding for instance, is a failure of the test.
+///
+/// The constructor returns when the gateway listens, or reports a failure of the test and leaves Started()
+/// false. The other calls wait, where they wait, without pumping messages: pump first, then ask what the
+/// gateway saw.
+class GatewayProcess
+{
+public:
+    enum class Place
+    {
+        Here,         // in the network namespace of the test
+        GatewayOfLan, // in the gateway namespace of the private LAN; the test runs in its client namespace
+    };
+
+    /// @param arguments of the program. Without --address it serves HTTP only, on 127.0.0.1 at a free port.
+    /// Its log,
+    ///        its record of requests and the command input are set up here.
+    explicit GatewayProcess(std::vector<std::string> arguments = {}, Place place = Place::Here);
+    ~GatewayProcess();
+    GatewayProcess(const GatewayProcess&) = delete;
+    GatewayProcess& operator=(const GatewayProcess&) = delete;
+
+    [[nodiscard]] bool Started() const { return !m_Urls.empty(); }
+
+    /// URL of the description, for the n-th --address.
+    [[nodiscard]] std::string Url(std::size_t n = 0) const;
+    /// The HTTP port; all addresses have the same.
+    [[nodiscard]] unsigned Port() const;
+
+    /// Sends one command line ("byebye", "clear", "fault delay soap:500" ...) and waits until it has been
+    /// obeyed.
+    /// @return false when the gateway did not understand it
+    bool Command(const std::string& line);
+    /// Sends a signal to the gateway.
+    void Signal(int number) const;
+
+    /// The lines of the log so far.
+    [[nodiscard]] std::vector<std::string> Log() const;
+    /// How many lines of the log contain `text`.
+    [[nodiscard]] int Logged(std::string_view text) const;
+    /// Waits until `count` lines of the log contain `text`. @return false when that takes longer than
+    /// `timeoutMs`
+    [[nodiscard]] bool WaitForLog(std::string_view text, int count = 1, int timeoutMs = 5000) const;
+
+    /// Everything that was sent to the gateway so far, in order of arrival.
+    [[nodiscard]] std::vector<GatewayRequest> Requests() const;
+
+    /// Ends the gateway now and waits for it; the log and the requests stay readable. @return its exit
+    /// status, 128 + the signal when one killed it, -1 when it was not running
+    int Stop();
+
+private:
+    void Start(const std::vector<std::string>& arguments, Place place);
+    bool AwaitReady();
+    int Collect(int timeoutMs);
+
+    std::string m_Folder; // temporary, removed at the end
+    std::vector<std::string> m_Urls;
+    pid_t m_Pid = -1;
+    int m_Input = -1, m_Output = -1; // our ends of its standard input and output
+};
+
+} // namespace tavronet
