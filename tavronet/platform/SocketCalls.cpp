@@ -114,9 +114,14 @@ void platform::freeaddrinfo(addrinfo* result)
 int platform::getnameinfo(const sockaddr* address, int addressLength, char* host, int hostSize, char* service,
                           int serviceSize, int flags)
 {
+    // The system prints local addresses of files as the machine's name.
+    const bool isInternet =
+        addressLength > 0 && (address->sa_family == AF_INET || address->sa_family == AF_INET6);
+    if (!isInternet)
+        return WSAEAFNOSUPPORT;
     const auto unsignedSize = [](int size) { return static_cast<socklen_t>(size < 0 ? 0 : size); };
     return ResolverError(::getnameinfo(address, unsignedSize(addressLength), host, unsignedSize(hostSize),
-                                        service, unsignedSize(serviceSize), flags));
+                                       service, unsignedSize(serviceSize), flags));
 }
 
 int platform::bind(SOCKET handle, const sockaddr* address, int addressLength)

@@ -25,7 +25,8 @@ void freeaddrinfo(addrinfo* result);
 /// The code of LastError.h for a result of the system's resolver (EAI_...); 0 for 0.
 int ResolverError(int result);
 
-/// As the system's. @return 0, or a code of LastError.h with the buffers untouched.
+/// As the system's, for internet addresses only. @return 0, or a code of LastError.h with the buffers
+/// untouched.
 int getnameinfo(const sockaddr* address, int addressLength, char* host, int hostSize, char* service,
                 int serviceSize, int flags);
 

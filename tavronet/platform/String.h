@@ -2,6 +2,7 @@
 #define TAVRONET_PLATFORM_STRING_H
 
 #include <compare>
+#include <concepts>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -94,11 +95,11 @@ public:
     class FormatArgument
     {
     public:
-        template <typename Integer>
-        requires std::is_integral_v<Integer> FormatArgument(Integer value)
-            : m_Number(static_cast<unsigned long long>(value)),
-              m_Negative(std::is_signed_v<Integer> && value < 0)
+        template <std::integral Integer>
+        FormatArgument(Integer value) : m_Number(static_cast<unsigned long long>(value))
         {
+            if constexpr (std::is_signed_v<Integer>)
+                m_Negative = value < 0;
         }
         FormatArgument(const Char* text) : m_Text(ViewOf(text)), m_IsText(true) {}
         FormatArgument(const CStringT& text) : m_Text(text.m_Text), m_IsText(true) {}
