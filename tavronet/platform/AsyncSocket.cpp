@@ -1,8 +1,9 @@
-// The calls an owner makes on a socket. They never lead into a notification: they do the system call, take down
-// what it tells about the socket's state, and leave the rest to AsyncSocketDelivery.
+// The calls an owner makes on a socket. They never lead into a notification: they do the system call, take
+// down what it tells about the socket's state, and leave the rest to AsyncSocketDelivery.
 //
-// What a read or a write tells saves the next system call: a read that took all that was announced has drained
-// the socket, a send that was taken in part has filled it, and both stay so until the system reports again.
+// What a read or a write tells saves the next system call: a read that took all that was announced has
+// drained the socket, a send that was taken in part has filled it, and both stay so until the system reports
+// again.
 
 #include "tavronet/platform/AsyncSocket.h"
 
@@ -65,15 +66,15 @@ bool Examine(int descriptor, UINT& state)
         state |= State::Datagram;
     else if (SocketOption(descriptor, SO_ACCEPTCONN) > 0)
         state |= State::Listening;
-    else
-    {
+    else {
         sockaddr_storage peer{};
         socklen_t peerLength = sizeof peer;
         tcp_info info{};
         socklen_t infoLength = sizeof info;
         if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0)
             state |= State::Connected;
-        else if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &infoLength) == 0 && info.tcpi_state == TCP_SYN_SENT)
+        else if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &infoLength) == 0 &&
+                 info.tcpi_state == TCP_SYN_SENT)
             state |= State::Connecting;
     }
     return true;
@@ -96,8 +97,7 @@ BOOL CAsyncSocket::Socket(int type, LONG events, int protocol, int family)
         return Fail(WSAEINVAL);
 
     const int descriptor = socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
-    if (descriptor < 0)
-    {
+    if (descriptor < 0) {
         tavronet::SetLastErrorFromErrno();
         return 0;
     }
@@ -127,8 +127,7 @@ BOOL CAsyncSocket::Attach(SOCKET handle, LONG events)
         return Fail(WSAENOTSOCK);
 
     const int flags = fcntl(descriptor, F_GETFL);
-    if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != 0)
-    {
+    if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != 0) {
         tavronet::SetLastErrorFromErrno();
         return 0;
     }
@@ -140,8 +139,7 @@ BOOL CAsyncSocket::AdoptHandle(int descriptor, LONG events, UINT state)
 {
     ThreadQueue queue = CurrentThreadQueue();
     const std::uint64_t id = queue->Register(*this, descriptor);
-    if (id == 0)
-    {
+    if (id == 0) {
         tavronet::SetLastErrorFromErrno();
         return 0;
     }
@@ -178,8 +176,7 @@ void CAsyncSocket::Close()
 SOCKET CAsyncSocket::ReleaseHandle(bool stayingOpen)
 {
     const SOCKET handle = m_hSocket;
-    if (m_Id != 0)
-    {
+    if (m_Id != 0) {
         m_pQueue->Unregister(m_Id, stayingOpen ? static_cast<int>(handle) : -1);
         tavronet::g_LivingSockets.fetch_sub(1, std::memory_order_relaxed);
     }
@@ -198,11 +195,13 @@ BOOL CAsyncSocket::Accept(CAsyncSocket& other, sockaddr* address, int* addressLe
         return Fail(WSAEINVAL);
 
     socklen_t length = addressLength != nullptr ? static_cast<socklen_t>(*addressLength) : 0;
-    const int descriptor = accept4(static_cast<int>(m_hSocket), address, addressLength != nullptr ? &length : nullptr,
-                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int descriptor =
+        accept4(static_cast<int>(m_hSocket), address, addressLength != nullptr ? &length : nullptr,
+                SOCK_NONBLOCK | SOCK_CLOEXEC);
     const int error = errno;
     m_State |= State::AcceptArmed;
-    // Out of descriptors or memory, a waiting connection would be reported for ever: wait for the next one instead.
+    // Out of descriptors or memory, a waiting connection would be reported for ever: wait for the next one
+    // instead.
     const bool tryAgainAtOnce = descriptor >= 0 || error == ECONNABORTED || error == EINTR;
     m_State = tryAgainAtOnce ? m_State | State::Unsure : m_State & ~UINT{State::Input};
     AsyncSocketDelivery::Queue(*this);
@@ -282,8 +281,10 @@ BOOL CAsyncSocket::ConnectHelper(const sockaddr_storage* address, int addressLen
 BOOL CAsyncSocket::ConnectTo(const sockaddr_storage& address, int addressLength)
 {
     const int descriptor = static_cast<int>(m_hSocket);
-    const auto start = [&]
-    { return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(addressLength)); };
+    const auto start = [&] {
+        return connect(descriptor, reinterpret_cast<const sockaddr*>(&address),
+                       static_cast<socklen_t>(addressLength));
+    };
     int result = start();
     if (result != 0 && errno == ECONNABORTED) // the system's answer to the first attempt after a failed one
         result = start();
@@ -305,8 +306,7 @@ int CAsyncSocket::FailedTransfer(int systemError)
 {
     int error = tavronet::LastErrorFromErrno(systemError);
     const bool broken = error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAETIMEDOUT;
-    if (broken && !(m_State & State::Datagram))
-    {
+    if (broken && !(m_State & State::Datagram)) {
         if (m_Error == 0)
             m_Error = error;
         error = m_Error; // the system may only know that the pipe is broken
@@ -319,8 +319,7 @@ int CAsyncSocket::FailedTransfer(int systemError)
 
 int CAsyncSocket::Receive(void* buffer, int length, int flags)
 {
-    if (m_hSocket == INVALID_SOCKET || length < 0)
-    {
+    if (m_hSocket == INVALID_SOCKET || length < 0) {
         WSASetLastError(length < 0 ? WSAEINVAL : WSAENOTSOCK);
         return SOCKET_ERROR;
     }
@@ -330,14 +329,12 @@ int CAsyncSocket::Receive(void* buffer, int length, int flags)
         return SOCKET_ERROR;
 
     int result = 0;
-    if ((m_State & State::Drained) && !(flags & MSG_OOB))
-    {
+    if ((m_State & State::Drained) && !(flags & MSG_OOB)) {
         WSASetLastError(WSAEWOULDBLOCK);
         result = SOCKET_ERROR;
-    }
-    else
-    {
-        result = static_cast<int>(recv(static_cast<int>(m_hSocket), buffer, static_cast<std::size_t>(length), flags));
+    } else {
+        result = static_cast<int>(
+            recv(static_cast<int>(m_hSocket), buffer, static_cast<std::size_t>(length), flags));
         NoteReceived(result, length, flags);
         if (result < 0)
             FailedTransfer(errno);
@@ -356,8 +353,7 @@ void CAsyncSocket::NoteReceived(int result, int length, int flags)
     if (flags & MSG_OOB)
         return;
     const bool nothingLeft = result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    if (m_State & State::Datagram)
-    {
+    if (m_State & State::Datagram) {
         m_State = nothingLeft ? m_State & ~UINT{State::Input} : m_State | State::Input | State::Unsure;
         return;
     }
@@ -365,8 +361,7 @@ void CAsyncSocket::NoteReceived(int result, int length, int flags)
         return;
 
     bool drained = result <= 0 || result < length;
-    if (result > 0 && m_Announced != 0)
-    {
+    if (result > 0 && m_Announced != 0) {
         const UINT taken = static_cast<UINT>(result);
         drained = taken >= m_Announced;
         m_Announced = drained ? 0 : m_Announced - taken;
@@ -377,25 +372,23 @@ void CAsyncSocket::NoteReceived(int result, int length, int flags)
         m_State |= State::Input | State::Unsure;
     else
         // A stream that has ended is asked again: its end is an answer of its own.
-        m_State = (m_State & ~UINT{State::Input | State::Unsure}) | (m_State & State::HungUp ? 0 : UINT{State::Drained});
+        m_State = (m_State & ~UINT{State::Input | State::Unsure}) |
+                  (m_State & State::HungUp ? 0 : UINT{State::Drained});
 }
 
 bool CAsyncSocket::WaitingBytes(UINT& count)
 {
-    if (m_State & State::Drained)
-    {
+    if (m_State & State::Drained) {
         count = 0;
         return true;
     }
     int waiting = 0;
-    if (m_hSocket == INVALID_SOCKET || ioctl(static_cast<int>(m_hSocket), FIONREAD, &waiting) != 0)
-    {
+    if (m_hSocket == INVALID_SOCKET || ioctl(static_cast<int>(m_hSocket), FIONREAD, &waiting) != 0) {
         WSASetLastError(m_hSocket == INVALID_SOCKET ? WSAENOTSOCK : tavronet::LastErrorFromErrno(errno));
         return false;
     }
     count = static_cast<UINT>(waiting);
-    if ((m_State & State::Connected) && !(m_State & State::Datagram))
-    {
+    if ((m_State & State::Connected) && !(m_State & State::Datagram)) {
         m_Announced = count;
         if (count == 0 && !(m_State & State::HungUp))
             m_State = (m_State & ~UINT{State::Input | State::Unsure}) | State::Drained;
@@ -405,15 +398,13 @@ bool CAsyncSocket::WaitingBytes(UINT& count)
 
 int CAsyncSocket::Send(const void* data, int length, int flags)
 {
-    if (m_hSocket == INVALID_SOCKET || length < 0)
-    {
+    if (m_hSocket == INVALID_SOCKET || length < 0) {
         WSASetLastError(length < 0 ? WSAEINVAL : WSAENOTSOCK);
         return SOCKET_ERROR;
     }
     if (length == 0)
         return 0;
-    if (tavronet::FaultInjected(FaultPoint::Send, m_hSocket))
-    {
+    if (tavronet::FaultInjected(FaultPoint::Send, m_hSocket)) {
         m_State |= State::WriteOwed;
         AsyncSocketDelivery::Queue(*this);
         return SOCKET_ERROR;
@@ -422,10 +413,9 @@ int CAsyncSocket::Send(const void* data, int length, int flags)
     const bool full = (m_State & State::Connected) && !(m_State & State::Writable);
     errno = EAGAIN;
     const int sent = full ? SOCKET_ERROR
-                          : static_cast<int>(send(static_cast<int>(m_hSocket), data, static_cast<std::size_t>(length),
-                                                  flags | MSG_NOSIGNAL));
-    if (sent >= 0)
-    {
+                          : static_cast<int>(send(static_cast<int>(m_hSocket), data,
+                                                  static_cast<std::size_t>(length), flags | MSG_NOSIGNAL));
+    if (sent >= 0) {
         if (sent < length)
             m_State &= ~UINT{State::Writable}; // the system reports when it takes data again
         return sent;
@@ -435,10 +425,10 @@ int CAsyncSocket::Send(const void* data, int length, int flags)
     return FailedTransfer(errno);
 }
 
-int CAsyncSocket::ReceiveFromHelper(void* buffer, int length, sockaddr_storage* address, int* addressLength, int flags)
+int CAsyncSocket::ReceiveFromHelper(void* buffer, int length, sockaddr_storage* address, int* addressLength,
+                                    int flags)
 {
-    if (m_hSocket == INVALID_SOCKET || length < 0)
-    {
+    if (m_hSocket == INVALID_SOCKET || length < 0) {
         WSASetLastError(length < 0 ? WSAEINVAL : WSAENOTSOCK);
         return SOCKET_ERROR;
     }
@@ -446,8 +436,9 @@ int CAsyncSocket::ReceiveFromHelper(void* buffer, int length, sockaddr_storage* 
         return SOCKET_ERROR;
 
     socklen_t size = addressLength != nullptr ? static_cast<socklen_t>(*addressLength) : 0;
-    const auto result = static_cast<int>(recvfrom(static_cast<int>(m_hSocket), buffer, static_cast<std::size_t>(length),
-                                                  flags, reinterpret_cast<sockaddr*>(address), &size));
+    const auto result =
+        static_cast<int>(recvfrom(static_cast<int>(m_hSocket), buffer, static_cast<std::size_t>(length),
+                                  flags, reinterpret_cast<sockaddr*>(address), &size));
     NoteReceived(result, length, flags);
     if (result < 0)
         FailedTransfer(errno);
@@ -459,11 +450,10 @@ int CAsyncSocket::ReceiveFromHelper(void* buffer, int length, sockaddr_storage* 
     return result;
 }
 
-int CAsyncSocket::SendToHelper(const void* data, int length, const sockaddr_storage* address, int addressLength,
-                               int flags)
+int CAsyncSocket::SendToHelper(const void* data, int length, const sockaddr_storage* address,
+                               int addressLength, int flags)
 {
-    if (m_hSocket == INVALID_SOCKET || length < 0)
-    {
+    if (m_hSocket == INVALID_SOCKET || length < 0) {
         WSASetLastError(length < 0 ? WSAEINVAL : WSAENOTSOCK);
         return SOCKET_ERROR;
     }

@@ -36,12 +36,12 @@ class TAVRONET_API CAsyncSocket : public tavronet::Lifetime
 public:
     CAsyncSocket();
 
-    /// Closes the handle without calling an override of Close; nothing is delivered afterwards. May run inside
-    /// any of the object's own notifications.
+    /// Closes the handle without calling an override of Close; nothing is delivered afterwards. May run
+    /// inside any of the object's own notifications.
     virtual ~CAsyncSocket();
 
-    /// Creates the handle and selects `events`. IPv6 sockets are IPv6-only; stream sockets may reuse an address
-    /// that lingers.
+    /// Creates the handle and selects `events`. IPv6 sockets are IPv6-only; stream sockets may reuse an
+    /// address that lingers.
     /// @param type 1 stream, 2 datagram.  @param family AF_INET or AF_INET6.
     /// @return 0 with 10022 when there already is a handle, which is kept.
     BOOL Socket(int type, LONG events, int protocol, int family);
@@ -62,8 +62,8 @@ public:
     /// Closes the handle and forgets everything due; harmless without a handle. Keeps the last error.
     virtual void Close();
 
-    /// Replaces the selection. What is selected and holds now becomes due again (a waiting end of the stream is
-    /// no FD_READ); the rest is due no more. Costs no system call.
+    /// Replaces the selection. What is selected and holds now becomes due again (a waiting end of the stream
+    /// is no FD_READ); the rest is due no more. Costs no system call.
     BOOL AsyncSelect(LONG events = FD_ALL);
 
     /// Makes FD_READ due in the next round although the system may have no input: for owners that hold back
@@ -75,8 +75,8 @@ public:
     ///         inside the call. Any other last error: failed, and no FD_CONNECT follows.
     BOOL Connect(const wchar_t* host, UINT port);
 
-    /// One receive. @return bytes; 0 when the peer has closed (or length is 0); -1, 10035 when nothing is there.
-    /// Makes FD_READ available again whatever the result.
+    /// One receive. @return bytes; 0 when the peer has closed (or length is 0); -1, 10035 when nothing is
+    /// there. Makes FD_READ available again whatever the result.
     virtual int Receive(void* buffer, int length, int flags = 0);
 
     /// One send; never raises a signal.
@@ -84,8 +84,8 @@ public:
     ///         follows when it does again.
     virtual int Send(const void* data, int length, int flags = 0);
 
-    /// The system socket, INVALID_SOCKET when there is none. Raw calls on it (options, bind, listen, names) are
-    /// fine at any time.
+    /// The system socket, INVALID_SOCKET when there is none. Raw calls on it (options, bind, listen, names)
+    /// are fine at any time.
     SOCKET m_hSocket = INVALID_SOCKET;
 
 protected:
@@ -106,7 +106,8 @@ protected:
     /// succeeds at once.
     virtual BOOL ConnectHelper(const sockaddr_storage* address, int addressLength);
     /// One datagram and its sender. @return bytes; -1 with the last error. Makes FD_READ available again.
-    virtual int ReceiveFromHelper(void* buffer, int length, sockaddr_storage* address, int* addressLength, int flags);
+    virtual int ReceiveFromHelper(void* buffer, int length, sockaddr_storage* address, int* addressLength,
+                                  int flags);
     /// One datagram to `address`. @return bytes; -1 with the last error.
     virtual int SendToHelper(const void* data, int length, const sockaddr_storage* address, int addressLength,
                              int flags);
@@ -116,8 +117,8 @@ protected:
     /// @return false with the last error when the system cannot tell; `count` is then unchanged.
     bool WaitingBytes(UINT& count);
 
-    /// Names the present handle: never 0, never used twice on a thread, 0 without a handle. A hook that closed
-    /// and re-created the socket has changed it.
+    /// Names the present handle: never 0, never used twice on a thread, 0 without a handle. A hook that
+    /// closed and re-created the socket has changed it.
     std::uint64_t HandleId() const { return m_Id; }
 
 private:
@@ -131,11 +132,11 @@ private:
     SOCKET ReleaseHandle(bool stayingOpen);
     int FailedTransfer(int systemError);
 
-    std::uint64_t m_Id = 0; // the queue's name for the present handle
-    ThreadQueue m_pQueue;   // shared, so that a socket may outlive its thread
-    UINT m_State = 0;       // bits of AsyncSocketDelivery.h
-    UINT m_Announced = 0;   // bytes the system has announced and nobody has read since
-    int m_Error = 0;        // the connection's first error, which the system tells only once
+    std::uint64_t m_Id = 0;       // the queue's name for the present handle
+    ThreadQueue m_pQueue;         // shared, so that a socket may outlive its thread
+    UINT m_State = 0;             // bits of AsyncSocketDelivery.h
+    UINT m_Announced = 0;         // bytes the system has announced and nobody has read since
+    int m_Error = 0;              // the connection's first error, which the system tells only once
     std::uint8_t m_Events = 0;    // selected notifications
     std::uint8_t m_ReadDepth = 0; // FD_READ and FD_CLOSE notifications on the stack
 };

@@ -1,9 +1,9 @@
 // Which notification is due when.
 //
 // The system reports edges, once each. A report sets bits (NoteReadiness), calls of the owner set and clear
-// others (AsyncSocket.cpp), and Possible says what the bits add up to. Input that is only assumed - the report
-// may have meant the end of the stream, or somebody may have read past this class - is checked with one system
-// call before OnReceive is called for it, never otherwise.
+// others (AsyncSocket.cpp), and Possible says what the bits add up to. Input that is only assumed - the
+// report may have meant the end of the stream, or somebody may have read past this class - is checked with
+// one system call before OnReceive is called for it, never otherwise.
 
 #include "tavronet/platform/AsyncSocketDelivery.h"
 
@@ -45,8 +45,7 @@ int TakePendingError(int descriptor)
 void AsyncSocketDelivery::NoteReadiness(CAsyncSocket& socket, std::uint32_t what)
 {
     UINT& state = socket.m_State;
-    if (state & State::Connecting)
-    {
+    if (state & State::Connecting) {
         NoteConnectOutcome(socket, what);
         if (!(state & State::Connected))
             return Queue(socket);
@@ -58,8 +57,7 @@ void AsyncSocketDelivery::NoteReadiness(CAsyncSocket& socket, std::uint32_t what
 
     if (what & Readiness::Output)
         state |= State::Writable;
-    if (what & Readiness::Input)
-    {
+    if (what & Readiness::Input) {
         state = (state | State::Input) & ~UINT{State::Drained};
         if (what & Readiness::HungUp)
             state |= State::Unsure; // perhaps only the end of the stream
@@ -69,8 +67,7 @@ void AsyncSocketDelivery::NoteReadiness(CAsyncSocket& socket, std::uint32_t what
     else if (!(state & State::Urgent))
         state |= State::Urgent | State::UrgentOwed;
 
-    if (what & Readiness::HungUp)
-    {
+    if (what & Readiness::HungUp) {
         if (state & State::Datagram)
             state |= State::Input | State::Unsure; // an error to be read
         else
@@ -161,13 +158,10 @@ LONG AsyncSocketDelivery::Due(CAsyncSocket& socket)
 bool AsyncSocketDelivery::InputWaits(CAsyncSocket& socket)
 {
     bool waits = false;
-    if (socket.m_State & (State::Datagram | State::Listening))
-    {
+    if (socket.m_State & (State::Datagram | State::Listening)) {
         pollfd poll{DescriptorOf(socket), POLLIN, 0};
         waits = ::poll(&poll, 1, 0) == 1;
-    }
-    else
-    {
+    } else {
         int count = 0;
         waits = ioctl(DescriptorOf(socket), FIONREAD, &count) == 0 && count > 0;
     }
@@ -234,8 +228,7 @@ bool AsyncSocketDelivery::Deliver(CAsyncSocket& socket)
 
     const std::uint64_t id = socket.m_Id;
     const RequeueScope scope(socket);
-    for (const LONG kind : kInOrder)
-    {
+    for (const LONG kind : kInOrder) {
         if (!(due & kind & Possible(socket))) // an earlier notification may have served it
             continue;
         DeliverOne(socket, kind);
@@ -248,8 +241,7 @@ bool AsyncSocketDelivery::Deliver(CAsyncSocket& socket)
 void AsyncSocketDelivery::DeliverOne(CAsyncSocket& socket, LONG kind)
 {
     UINT& state = socket.m_State;
-    switch (kind)
-    {
+    switch (kind) {
     case FD_CONNECT:
         state &= ~UINT{State::ConnectOwed};
         return socket.OnConnect(state & State::Connected ? 0 : socket.m_Error);
@@ -260,22 +252,16 @@ void AsyncSocketDelivery::DeliverOne(CAsyncSocket& socket, LONG kind)
         if (state & State::Input)
             state |= State::Unsure;
         return socket.OnSend(0);
-    case FD_OOB:
-        state &= ~UINT{State::UrgentOwed};
-        return socket.OnOutOfBandData(0);
-    case FD_ACCEPT:
-        state &= ~UINT{State::AcceptArmed};
-        return socket.OnAccept(0);
-    case FD_READ:
-    {
+    case FD_OOB: state &= ~UINT{State::UrgentOwed}; return socket.OnOutOfBandData(0);
+    case FD_ACCEPT: state &= ~UINT{State::AcceptArmed}; return socket.OnAccept(0);
+    case FD_READ: {
         state &= ~UINT{State::ReadArmed | State::ReadRequested};
         if (state & State::Input)
             state |= State::Unsure; // the owner may read past this class
         const ReadScope scope(socket);
         return socket.OnReceive(0);
     }
-    case FD_CLOSE:
-    {
+    case FD_CLOSE: {
         state = (state | State::CloseDone) & ~UINT{State::ReadArmed};
         const ReadScope scope(socket);
         return socket.OnClose(socket.m_Error);

@@ -14,7 +14,7 @@ struct SocketState
     enum : UINT
     {
         // kind and stage
-        Datagram = 1 << 0,  // otherwise a stream
+        Datagram = 1 << 0, // otherwise a stream
         IPv6 = 1 << 1,
         LookingUp = 1 << 2, // the host name of a connect is being looked up
         Connecting = 1 << 3,

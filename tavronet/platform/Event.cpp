@@ -14,7 +14,8 @@ namespace tavronet
 namespace
 {
 
-// A handle is the slot's number + 1 in the lower half, so never null, and the slot's generation in the upper half.
+// A handle is the slot's number + 1 in the lower half, so never null, and the slot's generation in the upper
+// half.
 HANDLE MakeHandle(std::size_t index, std::uint32_t generation)
 {
     return reinterpret_cast<HANDLE>((std::uintptr_t{generation} << 32) | (index + 1));
@@ -30,7 +31,8 @@ BOOL BadHandle()
 
 EventTable& EventTable::Instance()
 {
-    static EventTable& table = *new EventTable; // never destroyed: hosts close events during static destruction
+    static EventTable& table =
+        *new EventTable; // never destroyed: hosts close events during static destruction
     return table;
 }
 
@@ -47,13 +49,16 @@ EventTable::Event* EventTable::Find(HANDLE handle)
 HANDLE EventTable::Create(bool manualReset, bool signalled)
 {
     const std::lock_guard lock(m_Lock);
-    auto slot = std::ranges::find(m_Events, false, &Event::open);
-    if (m_OpenCount == m_Events.size())
-        slot = m_Events.emplace(m_Events.end());
-    const std::uint32_t generation = slot->generation + 1;
-    *slot = {generation, true, manualReset, signalled};
-    ++m_OpenCount;
-    return MakeHandle(static_cast<std::size_t>(slot - m_Events.begin()), generation);
+    if (m_Free.empty()) {
+        m_Events.emplace_back();
+        m_Free.reserve(m_Events.capacity()); // so that closing never allocates
+        m_Free.push_back(m_Events.size() - 1);
+    }
+    const std::size_t index = m_Free.back();
+    m_Free.pop_back();
+    Event& event = m_Events[index];
+    event = {event.generation + 1, true, manualReset, signalled};
+    return MakeHandle(index, event.generation);
 }
 
 bool EventTable::Signal(HANDLE handle, bool signalled)
@@ -75,7 +80,7 @@ bool EventTable::Close(HANDLE handle)
     if (event == nullptr)
         return false;
     event->open = false;
-    --m_OpenCount;
+    m_Free.push_back(static_cast<std::size_t>(event - m_Events.data()));
     WakeWaiters(handle);
     return true;
 }
@@ -92,8 +97,7 @@ EventTable::Outcome EventTable::Take(std::span<const HANDLE> handles)
 {
     const std::lock_guard lock(m_Lock);
     Outcome outcome;
-    for (std::size_t i = 0; i < handles.size(); ++i)
-    {
+    for (std::size_t i = 0; i < handles.size(); ++i) {
         Event* const event = Find(handles[i]);
         if (event == nullptr)
             return {Outcome::Invalid, 0};
@@ -130,14 +134,11 @@ HANDLE CreateEventW(void*, BOOL manualReset, BOOL initialState, const wchar_t*)
 {
     if (tavronet::FaultInjected(tavronet::FaultPoint::CreateEvent))
         return nullptr;
-    try
-    {
+    try {
         const HANDLE event = EventTable::Instance().Create(manualReset != 0, initialState != 0);
         tavronet::g_LivingEvents.fetch_add(1, std::memory_order_relaxed);
         return event;
-    }
-    catch (const std::bad_alloc&)
-    {
+    } catch (const std::bad_alloc&) {
         WSASetLastError(WSA_NOT_ENOUGH_MEMORY);
         return nullptr;
     }

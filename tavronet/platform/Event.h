@@ -11,7 +11,8 @@
 
 /// Makes an event.
 /// @param attributes ignored, pass null.  @param name ignored, pass null.
-/// @param manualReset non-zero: stays signalled until ResetEvent; zero: reset by the one wait that reports it.
+/// @param manualReset non-zero: stays signalled until ResetEvent; zero: reset by the one wait that reports
+/// it.
 /// @return the handle, which the caller closes; null only when memory is exhausted.
 TAVRONET_API HANDLE CreateEventW(void* attributes, BOOL manualReset, BOOL initialState, const wchar_t* name);
 

@@ -64,8 +64,8 @@ private:
     void WakeWaiters(HANDLE handle);
 
     std::mutex m_Lock;
-    std::vector<Event> m_Events; // slots are used again, with the next generation
-    std::size_t m_OpenCount = 0;
+    std::vector<Event> m_Events;     // slots are used again, with the next generation
+    std::vector<std::size_t> m_Free; // slots that are not open
     std::vector<const Waiter*> m_Waiters;
 };
 

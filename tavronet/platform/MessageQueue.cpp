@@ -78,7 +78,8 @@ void MessageQueue::RaiseWaker()
 
 void MessageQueue::ClearWaker()
 {
-    // Read first: a post that comes in between finds m_Woken set, and its call is taken by the round that follows.
+    // Read first: a post that comes in between finds m_Woken set, and its call is taken by the round that
+    // follows.
     std::uint64_t count = 0;
     [[maybe_unused]] const auto taken = read(m_Waker, &count, sizeof count);
     const std::lock_guard lock(m_PostLock);
@@ -89,8 +90,7 @@ void MessageQueue::ClearWaker()
 
 std::uint64_t MessageQueue::Register(CAsyncSocket& socket, int descriptor)
 {
-    if (m_FreeSlot == kNoSlot)
-    {
+    if (m_FreeSlot == kNoSlot) {
         m_Slots.push_back({nullptr, 0, kNoSlot});
         m_FreeSlot = static_cast<std::uint32_t>(m_Slots.size() - 1);
     }
@@ -138,8 +138,7 @@ void MessageQueue::Block(int timeoutMs)
 {
     if (HasDue())
         timeoutMs = 0;
-    for (const Readiness& ready : m_Watch.Collect(timeoutMs))
-    {
+    for (const Readiness& ready : m_Watch.Collect(timeoutMs)) {
         if (ready.id == kWakerId)
             ClearWaker();
         else if (CAsyncSocket* const socket = Find(ready.id))
@@ -149,7 +148,8 @@ void MessageQueue::Block(int timeoutMs)
 
 // --- Serving
 
-// Counts the Serve calls on the stack; the outermost one leaves a shared descriptor readable while anything is due.
+// Counts the Serve calls on the stack; the outermost one leaves a shared descriptor readable while anything
+// is due.
 class MessageQueue::DispatchScope
 {
 public:
@@ -218,8 +218,7 @@ int MessageQueue::RunHook(int timeoutMs)
 
 int MessageQueue::SharedDescriptor()
 {
-    if (!m_Shared)
-    {
+    if (!m_Shared) {
         m_Shared = true;
         if (HasDue())
             Wake();
@@ -279,8 +278,7 @@ int RunMessageLoop()
         ~Nesting() { queue.m_pInnermostLoop = outer; }
     } const nesting{*queue, std::exchange(queue->m_pInnermostLoop, &loop)};
 
-    while (!loop.quit)
-    {
+    while (!loop.quit) {
         queue->Block(-1);
         queue->Serve();
     }

@@ -55,7 +55,8 @@ public:
 
     int SharedDescriptor();
     void SetHook(void (*hook)(void*), void* argument);
-    /// Runs the host's wait hook, if any. @return how long a block of `timeoutMs` may last before its next turn.
+    /// Runs the host's wait hook, if any. @return how long a block of `timeoutMs` may last before its next
+    /// turn.
     int RunHook(int timeoutMs);
 
     /// RunMessageLoop's own state.
@@ -86,7 +87,7 @@ private:
     bool ServeSockets(std::uint64_t last);
 
     SocketWatch m_Watch;
-    int m_Waker; // eventfd, watched with id 0
+    int m_Waker;           // eventfd, watched with id 0
     bool m_Shared = false; // a foreign loop watches the descriptor
     int m_Dispatching = 0; // Serve calls on the stack
     void (*m_pHook)(void*) = nullptr;

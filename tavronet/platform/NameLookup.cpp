@@ -84,8 +84,7 @@ bool NameLookup::Start(CAsyncSocket& socket, const char* host, UINT port)
     Line& line = Line::Instance();
     {
         const std::lock_guard lock(line.lock);
-        if (line.running >= kMaxRunning)
-        {
+        if (line.running >= kMaxRunning) {
             if (line.waiting.size() >= kMaxWaiting)
                 return false;
             line.waiting.push_back(request.release());
@@ -117,8 +116,7 @@ void NameLookup::Ended(Request* request)
         const std::lock_guard lock(line.lock);
         if (line.waiting.empty())
             --line.running;
-        else
-        {
+        else {
             next = line.waiting.front();
             line.waiting.pop_front();
         }
@@ -145,7 +143,8 @@ void NameLookup::GoOn(void* argument)
     std::memcpy(&address, request->control.ar_result->ai_addr, request->control.ar_result->ai_addrlen);
     const LifetimeGuard guard(*socket);
     const int before = WSAGetLastError();
-    const bool made = socket->ConnectHelper(&address, static_cast<int>(request->control.ar_result->ai_addrlen)) != 0;
+    const bool made =
+        socket->ConnectHelper(&address, static_cast<int>(request->control.ar_result->ai_addrlen)) != 0;
     if (guard.Alive() && !made && WSAGetLastError() != WSAEWOULDBLOCK)
         AsyncSocketDelivery::EndConnect(*socket, WSAGetLastError());
     WSASetLastError(before);

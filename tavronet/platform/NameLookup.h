@@ -14,8 +14,8 @@ bool NumericAddress(const char* text, UINT port, sockaddr_storage& address, int&
 
 /// Looks host names up without blocking, at most 4 at a time in the process; the rest waits in line.
 ///
-/// The outcome comes back as an entry of the socket's queue and goes on with the connect. It finds the socket by
-/// its id: closing or destroying the socket abandons the look-up.
+/// The outcome comes back as an entry of the socket's queue and goes on with the connect. It finds the socket
+/// by its id: closing or destroying the socket abandons the look-up.
 class NameLookup
 {
 public:

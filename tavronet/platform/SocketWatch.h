@@ -13,11 +13,11 @@ struct Readiness
 {
     enum : std::uint32_t
     {
-        Input = 1,     // bytes, datagrams, a connection, or the end of the stream
-        Output = 2,    // takes data, or a connect has ended
-        Urgent = 4,    // urgent data
-        HungUp = 8,    // the peer has closed its side, or the connection is gone
-        Failed = 16    // an error is pending
+        Input = 1,  // bytes, datagrams, a connection, or the end of the stream
+        Output = 2, // takes data, or a connect has ended
+        Urgent = 4, // urgent data
+        HungUp = 8, // the peer has closed its side, or the connection is gone
+        Failed = 16 // an error is pending
     };
     std::uint64_t id;
     std::uint32_t what;

@@ -46,8 +46,9 @@ void ClearFaults()
 bool TakeInjectedFault(FaultPoint point, SOCKET socket)
 {
     const std::lock_guard lock(g_FaultLock);
-    const auto fault = std::ranges::find_if(
-        g_Faults, [&](const Fault& candidate) { return candidate.point == point && candidate.socket == socket; });
+    const auto fault = std::ranges::find_if(g_Faults, [&](const Fault& candidate) {
+        return candidate.point == point && candidate.socket == socket;
+    });
     if (fault == g_Faults.end() || fault->skip-- > 0)
         return false;
 

@@ -36,13 +36,11 @@ DWORD MsgWaitForMultipleObjectsEx(DWORD count, const HANDLE* handles, DWORD mill
 
     const bool endless = milliseconds == INFINITE;
     const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    for (bool expired = false;; expired = !endless && Clock::now() >= deadline)
-    {
+    for (bool expired = false;; expired = !endless && Clock::now() >= deadline) {
         const EventTable::Outcome outcome = EventTable::Instance().Take(events);
         if (outcome.kind == EventTable::Outcome::Signalled)
             return WAIT_OBJECT_0 + outcome.index;
-        if (outcome.kind == EventTable::Outcome::Invalid)
-        {
+        if (outcome.kind == EventTable::Outcome::Invalid) {
             WSASetLastError(ERROR_INVALID_HANDLE);
             return WAIT_FAILED;
         }
