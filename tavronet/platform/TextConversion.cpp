@@ -1,6 +1,5 @@
 #include "tavronet/platform/TextConversion.h"
 
-#include <cstring>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -256,8 +255,7 @@ void CopyTruncated(char* buffer, int size, const char* text)
         // More continuation bytes than any sequence has: no UTF-8, so nothing there can be torn apart.
         count = IsContinuation(source[cut]) ? count : cut;
     }
-    std::memcpy(buffer, source.data(), count);
-    buffer[count] = '\0';
+    buffer[source.copy(buffer, count)] = '\0';
 }
 
 std::string LowerCased(std::string_view text)
