@@ -20,31 +20,6 @@ PlainAnswer Act(const GatewayProcess& gateway, const std::string& action,
     return Exchange(gateway.Port(), ActionRequest(kIpPath, kIpService, action, arguments), idleMs);
 }
 
-PlainArguments Key(const std::string& port, const std::string& protocol)
-{
-    return {{"NewRemoteHost", ""}, {"NewExternalPort", port}, {"NewProtocol", protocol}};
-}
-
-PlainArguments MappingOf(const std::string& port, const std::string& protocol, const std::string& client,
-                         const std::string& lease = "0")
-{
-    PlainArguments arguments = Key(port, protocol);
-    arguments.insert(arguments.end(), {{"NewInternalPort", port},
-                                       {"NewInternalClient", client},
-                                       {"NewEnabled", "1"},
-                                       {"NewPortMappingDescription", "a &lt; b"},
-                                       {"NewLeaseDuration", lease}});
-    return arguments;
-}
-
-/// "200", or the error code of the fault.
-std::string Outcome(const PlainAnswer& answer)
-{
-    if (answer.bytes.starts_with("HTTP/1.1 200 OK\r\n"))
-        return "200";
-    return answer.bytes.starts_with("HTTP/1.1 500 ") ? ElementText(answer.bytes, "errorCode") : "?";
-}
-
 TEST(GatewayDescription, EachFormIsServed)
 {
     struct Row

@@ -14,15 +14,15 @@ std::string PlainAnswer::Body() const
     return headerEnd == std::string::npos ? "" : bytes.substr(headerEnd + 4);
 }
 
-PlainAnswer Exchange(unsigned port, const std::string& request, int idleMs, std::size_t most)
+PlainAnswer Exchange(const PlainPeer& peer, const std::string& request, int idleMs, std::size_t most)
 {
     PlainAnswer answer;
     const auto start = std::chrono::steady_clock::now();
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(peer.port));
+    ::inet_pton(AF_INET, peer.ipv4.c_str(), &address.sin_addr);
     if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         answer.connectError = errno;
     else
@@ -74,4 +74,28 @@ std::string ElementText(const std::string& document, const std::string& name)
     if (start == std::string::npos || end == std::string::npos)
         return "-";
     return document.substr(start + name.size() + 2, end - start - name.size() - 2);
+}
+
+PlainArguments Key(const std::string& port, const std::string& protocol)
+{
+    return {{"NewRemoteHost", ""}, {"NewExternalPort", port}, {"NewProtocol", protocol}};
+}
+
+PlainArguments MappingOf(const std::string& port, const std::string& protocol, const std::string& client,
+                         const std::string& lease)
+{
+    PlainArguments arguments = Key(port, protocol);
+    arguments.insert(arguments.end(), {{"NewInternalPort", port},
+                                       {"NewInternalClient", client},
+                                       {"NewEnabled", "1"},
+                                       {"NewPortMappingDescription", "a &lt; b"},
+                                       {"NewLeaseDuration", lease}});
+    return arguments;
+}
+
+std::string Outcome(const PlainAnswer& answer)
+{
+    if (answer.bytes.starts_with("HTTP/1.1 200 OK\r\n"))
+        return "200";
+    return answer.bytes.starts_with("HTTP/1.1 500 ") ? ElementText(answer.bytes, "errorCode") : "?";
 }

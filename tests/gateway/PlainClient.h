@@ -4,8 +4,17 @@
 #include <utility>
 #include <vector>
 
-/// Sends `request` to 127.0.0.1 and reads until the peer closes, a reset comes, or nothing comes for
-/// `idleMs`.
+struct PlainPeer
+{
+    PlainPeer(unsigned portNumber, std::string address = "127.0.0.1")
+        : port(portNumber), ipv4(std::move(address))
+    {
+    }
+
+    unsigned port;
+    std::string ipv4;
+};
+
 struct PlainAnswer
 {
     std::string bytes;
@@ -20,7 +29,10 @@ struct PlainAnswer
         return bytes.find(text) != std::string::npos;
     }
 };
-PlainAnswer Exchange(unsigned port, const std::string& request, int idleMs = 5000,
+
+/// Sends `request` and reads until the peer closes, a reset comes, nothing comes for `idleMs`, or `most` bytes are
+/// there.
+PlainAnswer Exchange(const PlainPeer& peer, const std::string& request, int idleMs = 5000,
                      std::size_t most = 1 << 20);
 
 using PlainArguments = std::vector<std::pair<std::string, std::string>>;
@@ -31,3 +43,11 @@ std::string ActionRequest(const std::string& path, const std::string& service, c
                           const PlainArguments& arguments);
 /// The text of the first element of that name, its prefix included in `name`; "-" when there is none.
 std::string ElementText(const std::string& document, const std::string& name);
+
+/// The arguments that name a mapping, and all those of a new one.
+PlainArguments Key(const std::string& port, const std::string& protocol);
+PlainArguments MappingOf(const std::string& port, const std::string& protocol, const std::string& client,
+                         const std::string& lease = "0");
+
+/// "200", or the error code of the fault.
+std::string Outcome(const PlainAnswer& answer);

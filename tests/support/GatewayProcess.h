@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/support/ChildProcess.h"
 
 namespace tavronet
 {
@@ -26,16 +26,12 @@ struct GatewayRequest
 class GatewayProcess
 {
 public:
-    enum class Place
-    {
-        Here,         // in the network namespace of the test
-        GatewayOfLan, // in the gateway namespace of the private LAN; the test runs in its client namespace
-    };
+    using Place = ChildProcess::Place;
 
     /// @param arguments of the program. Without --address it serves HTTP only, on 127.0.0.1 at a free port.
     /// Its log,
     ///        its record of requests and the command input are set up here.
-    explicit GatewayProcess(std::vector<std::string> arguments = {}, Place place = Place::Here);
+    explicit GatewayProcess(const std::vector<std::string>& arguments = {}, Place place = Place::Here);
     ~GatewayProcess();
     GatewayProcess(const GatewayProcess&) = delete;
     GatewayProcess& operator=(const GatewayProcess&) = delete;
@@ -52,7 +48,7 @@ public:
     /// @return false when the gateway did not understand it
     bool Command(const std::string& line);
     /// Sends a signal to the gateway.
-    void Signal(int number) const;
+    void Signal(int number) const { m_Process.Signal(number); }
 
     /// The lines of the log so far.
     [[nodiscard]] std::vector<std::string> Log() const;
@@ -67,17 +63,12 @@ public:
 
     /// Ends the gateway now and waits for it; the log and the requests stay readable. @return its exit
     /// status, 128 + the signal when one killed it, -1 when it was not running
-    int Stop();
+    int Stop() { return m_Process.Stop(); }
 
 private:
-    void Start(const std::vector<std::string>& arguments, Place place);
-    bool AwaitReady();
-    int Collect(int timeoutMs);
-
     std::string m_Folder; // temporary, removed at the end
+    ChildProcess m_Process;
     std::vector<std::string> m_Urls;
-    pid_t m_Pid = -1;
-    int m_Input = -1, m_Output = -1; // our ends of its standard input and output
 };
 
 } // namespace tavronet
