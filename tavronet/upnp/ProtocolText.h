@@ -7,6 +7,7 @@
 
 #include "tavronet/platform/String.h"
 #include "tavronet/platform/TextConversion.h"
+#include "tavronet/platform/Types.h"
 
 /// Picks text from the network apart. Views point into the argument; no routine changes or keeps its text.
 namespace tavronet
@@ -22,6 +23,12 @@ bool FindHeader(std::string_view message, std::string_view key, bool skipKey, st
 /// @param lowerLine `line` in lower case.  @param value unchanged when the element is not there.
 bool FindElement(std::string_view line, std::string_view lowerLine, std::string_view name,
                  std::string_view& value);
+
+/// The parts of an absolute URL, without brackets or other refinements. A text without "://" has no host,
+/// port 80 and is its own path.
+CString HostOfURL(const CString& url);
+UINT PortOfURL(const CString& url);
+CString PathOfURL(const CString& url);
 
 /// The lines of a document, each also in lower case; ends at a zero byte.
 ///

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "tavronet/platform/Export.h"
@@ -214,6 +215,7 @@ private:
     class CommandScope; // m_InCommand for the length of an exchange
 
     const CUPnPDevice& Root() const;
+    CUPnPDevice& Root();
     const CString& NearestDescURL() const;
     void SetExpires();
 
@@ -222,16 +224,41 @@ private:
     /// MatchingDevice with the text taken apart, so that a walk over many devices does that once.
     bool Matches(const CString& usn, const CString& uuid);
 
-    bool ServiceCommand(CUPnPService* service, bool wait, void* cancel, const char* action, ...);
+    enum class Exchange
+    {
+        Answered,
+        Queued,    // sent when the exchange under way is over; its answer will tell this caller nothing
+        Failed,    // no answer, or refused because the device is to be released
+        NoService, // the gateway cannot map ports
+        DeviceGone // deleted meanwhile: touch nothing
+    };
+    enum class Check
+    {
+        Passed,
+        Later,
+        Failed,
+        DeviceGone
+    };
+
+    /// One exchange; `arguments` are pairs of name and value, ended by nullptr.
+    Exchange ServiceCommand(CUPnPService* service, bool wait, void* cancel, const char* action, ...);
+    static bool IsSent(Exchange outcome)
+    {
+        return outcome == Exchange::Answered || outcome == Exchange::Queued;
+    }
     void SaveCommandResponse(CUPnPService* service);
     void ResetLastVerifyTimes();
+
+    Exchange SendAdd(void* cancel, const CUPnPPortMap& record, bool& accepted);
+    Exchange LookUp(void* cancel, const CUPnPPortMap& record, std::unique_ptr<CUPnPPortMap>& entry);
     bool DisableBeforeDelete() const;
+    bool DisableLowPorts(void* cancel, std::vector<CUPnPPortMap*>& list);
     void ForgetIndivPortMap(const CUPnPPortMap& record);
 
     bool ReleaseStaleSocket();
     bool TickleChildren();
     bool VerifyMaps(std::vector<CUPnPPortMap*>& list, DWORD& ownTurn, DWORD& otherTurn);
-    bool VerifyMap(const CUPnPPortMap& record);
+    Check VerifyMap(const CUPnPPortMap* record);
 
     // SSDP identity; only the root's values count
     CString m_IpAddr;
@@ -268,7 +295,6 @@ private:
 
     // state of commands and upkeep
     bool m_InCommand = false;
-    bool m_Answered = false; // the last command got an answer of its own
     bool m_CommandFailed = false;
     DWORD m_DescRequestTick = 0;
     int m_Release = 0;

@@ -65,7 +65,7 @@ public:
     virtual std::string DescriptionRequest(const CString& host, UINT port, const CString& path) const = 0;
 
     /// The whole request for an action.
-    virtual std::string ActionRequest(const ActionText& action) const = 0;
+    std::string ActionRequest(const ActionText& action) const;
 
     /// Finds the body of a response that is still arriving.
     /// @param from bytes known to hold no end of the header, less three: what an earlier call returned
@@ -87,6 +87,9 @@ public:
     virtual std::string_view DecodeBody(std::string_view message, std::size_t bodyStart, int announced,
                                         std::string& storage) const = 0;
 
+    /// Where the blank in front of the status number stands in a response; npos when there is none.
+    virtual std::size_t FindStatus(std::string_view response) const = 0;
+
     /// Fills `device` from its description: builds embedded devices and services, sets their control
     /// addresses and raises their events, each device's after those of what it contains. Runs foreign code;
     /// returns early when it deletes the device.
@@ -104,6 +107,12 @@ public:
 
     /// Whether an add that the gateway refused is reported as failed by the flat interface.
     virtual bool RefusalIsFailure() const = 0;
+
+private:
+    /// What differs between the requests for an action.
+    virtual CString Escaped(const CString& text) const = 0;
+    virtual CString HostText(const CString& host) const = 0;
+    virtual const wchar_t* FurtherHeaders() const = 0; ///< lines that end in a line break
 };
 
 const UPnPDialect& ClassicDialect();

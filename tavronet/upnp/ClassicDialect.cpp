@@ -1,0 +1,293 @@
+#include "tavronet/upnp/ClassicDialect.h"
+
+#include "tavronet/upnp/DescriptionBuilder.h"
+#include "tavronet/upnp/ProtocolText.h"
+
+namespace tavronet
+{
+
+namespace
+{
+
+constexpr wchar_t kSearchTarget[] = L"urn:schemas-upnp-org:device:WANConnectionDevice:1";
+
+/// Reads a description tag by tag: structure tags count where they begin a line (or, closing ones, stand on
+/// it), values where their element opens and closes on one line.
+class DescriptionReader
+{
+public:
+    explicit DescriptionReader(DocumentLines& lines) : m_Lines(lines) {}
+
+    /// Both raise the node's event at the end. @return whether the node is still there.
+    bool ReadDevice(CUPnPDevice& device);
+    bool ReadService(CUPnPService& service);
+
+private:
+    struct Lists
+    {
+        bool devices = false;
+        bool services = false;
+    };
+
+    template <typename Node, typename Fields>
+    void ReadFields(Node& node, const Fields& fields);
+
+    void ReadURLBase(CUPnPDevice& device);
+    void ReadOwnLine(CUPnPDevice& device, Lists& inside);
+    bool ReadLists(CUPnPDevice& device, Lists& inside);
+    bool ReadEmbedded(CUPnPDevice& parent);
+    bool ReadListed(CUPnPDevice& parent);
+
+    DocumentLines& m_Lines;
+    DescriptionBuilder m_Builder;
+};
+
+bool DescriptionReader::ReadDevice(CUPnPDevice& device)
+{
+    const LifetimeGuard guard(device);
+    bool opened = false;
+    Lists inside;
+    while (m_Lines.Next()) {
+        if (m_Lines.Begins("<device>"))
+            opened = true;
+        else
+            ReadURLBase(device);
+        if (!opened)
+            continue;
+        if (m_Lines.Contains("</device>"))
+            break;
+
+        ReadOwnLine(device, inside);
+        if (!ReadLists(device, inside) || !guard.Alive())
+            return false;
+    }
+    return DescriptionBuilder::Finish(device);
+}
+
+void DescriptionReader::ReadURLBase(CUPnPDevice& device)
+{
+    std::string_view value;
+    CString& base = DescriptionBuilder::URLBase(device);
+    if (base.IsEmpty() && FindElement(m_Lines.Line(), m_Lines.LowerLine(), "urlbase", value))
+        base = Widen(value);
+}
+
+void DescriptionReader::ReadOwnLine(CUPnPDevice& device, Lists& inside)
+{
+    if (m_Lines.Contains("<devicelist>"))
+        inside.devices = true;
+    else if (m_Lines.Begins("<servicelist>"))
+        inside.services = true;
+    else if (!inside.devices)
+        ReadFields(device, DescriptionBuilder::DeviceFields());
+}
+
+/// @return whether the device is still there.
+bool DescriptionReader::ReadLists(CUPnPDevice& device, Lists& inside)
+{
+    const bool servicesEnd = m_Lines.Contains("</servicelist>"); // an embedded device moves the lines on
+    const bool serviceBegins = m_Lines.Begins("<service>");
+
+    if (inside.devices && m_Lines.Contains("</devicelist>"))
+        inside.devices = false;
+    else if (inside.devices && m_Lines.Begins("<device>") && !ReadEmbedded(device))
+        return false;
+
+    if (inside.services && servicesEnd)
+        inside.services = false;
+    else if (inside.services && serviceBegins && !ReadListed(device))
+        return false;
+    return true;
+}
+
+bool DescriptionReader::ReadEmbedded(CUPnPDevice& parent)
+{
+    CUPnPDevice* const embedded = m_Builder.AddDevice(parent);
+    if (embedded == nullptr) // too deep or too many: the line is not understood
+        return true;
+    m_Lines.Unread();
+    return ReadDevice(*embedded);
+}
+
+bool DescriptionReader::ReadListed(CUPnPDevice& parent)
+{
+    CUPnPService* const service = m_Builder.AddService(parent);
+    if (service == nullptr)
+        return true;
+    m_Lines.Unread();
+    return ReadService(*service);
+}
+
+/// Where a service is controlled: what its control URL leaves out comes from the next URL that has it.
+URLParts ControlAddress(CUPnPService& service)
+{
+    URLParts address = ClassicDialect().SplitURL(service.GetControlURL());
+    CUPnPDevice* const parent = DescriptionBuilder::ParentOf(service);
+    if (address.host.IsEmpty() && parent != nullptr) {
+        address.host = HostOfURL(parent->GetURLBase());
+        address.port = PortOfURL(parent->GetURLBase());
+    }
+    if (address.host.IsEmpty()) {
+        address.host = HostOfURL(service.GetSCPDURL());
+        address.port = PortOfURL(service.GetSCPDURL());
+    }
+    if (address.host.IsEmpty() && parent != nullptr) {
+        address.host = parent->GetDescAddr();
+        address.port = parent->GetDescPort();
+    }
+    return address;
+}
+
+bool DescriptionReader::ReadService(CUPnPService& service)
+{
+    bool opened = false;
+    while (m_Lines.Next()) {
+        opened = opened || m_Lines.Begins("<service>");
+        if (!opened)
+            continue;
+        if (m_Lines.Contains("</service>"))
+            break;
+        ReadFields(service, DescriptionBuilder::ServiceFields());
+    }
+    DescriptionBuilder::SetControlAddress(service, ControlAddress(service));
+    return DescriptionBuilder::Finish(service);
+}
+
+template <typename Node, typename Fields>
+void DescriptionReader::ReadFields(Node& node, const Fields& fields)
+{
+    if (!m_Lines.Contains("</"))
+        return;
+    for (const auto& field : fields) {
+        std::string_view value;
+        if (FindElement(m_Lines.Line(), m_Lines.LowerLine(), field.element, value))
+            field.text(node) = Widen(value);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> ClassicGatewayDialect::SearchRequests(const char* group, UINT port) const
+{
+    CString request;
+    request.Format(L"M-SEARCH * HTTP/1.1\r\nST: %s\r\nMX: 5\r\nMAN: \"ssdp:discover\"\r\nHOST: %s:%d\r\n\r\n",
+                   kSearchTarget, CString(group), static_cast<int>(port));
+    return std::vector<std::string>(2, std::string(Narrow(request).View())); // datagrams get lost
+}
+
+bool ClassicGatewayDialect::WantsAnnouncement(const CString& urn) const
+{
+    return urn.CompareNoCase(kSearchTarget) == 0;
+}
+
+std::string ClassicGatewayDialect::DescriptionRequest(const CString& host, UINT, const CString& path) const
+{
+    CString request;
+    request.Format(L"GET %s HTTP/1.1\r\nHost: %s\r\n\r\n", path, host);
+    return std::string(Narrow(request).View());
+}
+
+std::size_t ClassicGatewayDialect::FindBody(std::string_view message, std::size_t from) const
+{
+    constexpr std::string_view kBlankLine = "\r\n\r\n";
+    const std::size_t found = message.find(kBlankLine, from);
+    return found == std::string_view::npos ? found : found + kBlankLine.size();
+}
+
+int ClassicGatewayDialect::AnnouncedLength(std::string_view header) const
+{
+    std::string_view value;
+    const bool skipKey = true;
+    if (!FindHeader(header, "\r\ncontent-length:", skipKey, value))
+        FindHeader(header, "\r\ncontent length:", skipKey, value);
+    return value.empty() ? -1 : ReadInt32(value);
+}
+
+bool ClassicGatewayDialect::Complete(std::string_view message, std::size_t bodyStart, int announced) const
+{
+    return announced >= 0 && message.size() - bodyStart == static_cast<std::size_t>(announced);
+}
+
+std::string_view ClassicGatewayDialect::DecodeBody(std::string_view message, std::size_t bodyStart, int,
+                                                   std::string&) const
+{
+    return message.substr(bodyStart);
+}
+
+std::size_t ClassicGatewayDialect::FindStatus(std::string_view response) const
+{
+    return response.find(' ');
+}
+
+void ClassicGatewayDialect::ReadDescription(CUPnPDevice& device, std::string_view document) const
+{
+    const char* position = document.data();
+    int remaining = static_cast<int>(document.size());
+    device.BuildDevice(position, remaining);
+}
+
+void ClassicGatewayDialect::ReadAnswer(ActionAnswer& answer, std::string_view body) const
+{
+    std::vector<std::string> names; // in lower case, one per pair
+    for (std::size_t i = 0; i + 1 < answer.results.size(); i += 2)
+        names.push_back(LowerCased(Narrow(answer.results[i]).View()));
+
+    DocumentLines lines(body.data(), static_cast<int>(body.size()));
+    while (lines.Next()) {
+        std::string_view value;
+        const auto read = [&](std::string_view element) {
+            return FindElement(lines.Line(), lines.LowerLine(), element, value);
+        };
+        if (!lines.Contains("</"))
+            continue;
+        if (answer.status != 200) {
+            if (read("errorcode"))
+                answer.errorCode = Widen(value);
+            if (read("errordescription"))
+                answer.errorDescription = Widen(value);
+            continue;
+        }
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            if (read(names[i]) && !value.empty())
+                answer.results[2 * i + 1] = Widen(value);
+        }
+    }
+}
+
+URLParts ClassicGatewayDialect::SplitURL(const CString& url) const
+{
+    return {HostOfURL(url), PortOfURL(url), PathOfURL(url)};
+}
+
+CUPnPService* ClassicGatewayDialect::FindConnectionService(CUPnPDevice& device) const
+{
+    CUPnPService* const service = device.FindService("urn:schemas-upnp-org:service:WANIPConnection:1");
+    return service != nullptr ? service
+                              : device.FindService("urn:schemas-upnp-org:service:WANPPPConnection:1");
+}
+
+const UPnPDialect& ClassicDialect()
+{
+    static const ClassicGatewayDialect dialect;
+    return dialect;
+}
+
+} // namespace tavronet
+
+void CUPnPDevice::BuildDevice(const char*& position, int& remaining)
+{
+    tavronet::DocumentLines lines(position, remaining);
+    if (!tavronet::DescriptionReader(lines).ReadDevice(*this))
+        return; // an event has deleted this device
+    position = lines.Position();
+    remaining = lines.Remaining();
+}
+
+void CUPnPService::BuildService(const char*& position, int& remaining)
+{
+    tavronet::DocumentLines lines(position, remaining);
+    if (!tavronet::DescriptionReader(lines).ReadService(*this))
+        return;
+    position = lines.Position();
+    remaining = lines.Remaining();
+}
