@@ -73,12 +73,16 @@ private:
     const tavronet::LifetimeGuard m_RecordAlive;
 };
 
-CUPnPNetwork::CUPnPNetwork(UPnPEventCallback callback, void* context, int dialect)
-    : m_Dialect(dialect == UPnPDialectModern ? UPnPDialectModern : UPnPDialectClassic),
+CUPnPNetwork::CUPnPNetwork(UPnPEventCallback callback, void* context, int dialect, bool search)
+    : m_bSearch(search),
+      m_Dialect(dialect == UPnPDialectModern ? UPnPDialectModern : UPnPDialectClassic),
       m_pUPnPEventCallback(callback),
       m_pUPnPEventContext(context)
 {
-    Discover();
+    if (m_bSearch)
+        Discover();
+    else
+        m_RediscoverTick = m_DiscoverTick = GetTickCount();
 }
 
 CUPnPNetwork::~CUPnPNetwork()
@@ -171,7 +175,7 @@ void CUPnPNetwork::Tickle()
         Rediscover();
     if (!TickleDevices(complete))
         return;
-    if (ElapsedMs(GetTickCount(), m_DiscoverTick) > tavronet::kFullDiscoveryMs)
+    if (m_bSearch && ElapsedMs(GetTickCount(), m_DiscoverTick) > tavronet::kFullDiscoveryMs)
         Discover();
 }
 

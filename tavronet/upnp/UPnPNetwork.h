@@ -40,8 +40,10 @@ public:
     /// Starts the first full discovery.
     /// @param callback receives the events, may be null.  @param context its first argument, borrowed.
     /// @param dialect UPnPDialectClassic or UPnPDialectModern.
+    /// @param search false: sends nothing on its own, now or later; the host registers the devices that it knows
+    ///        (NewUPnPDevice) and may call Discover.
     explicit CUPnPNetwork(UPnPEventCallback callback = nullptr, void* context = nullptr,
-                          int dialect = UPnPDialectClassic);
+                          int dialect = UPnPDialectClassic, bool search = true);
 
     /// Deletes the sockets, then the devices; raises no events and removes no mapping from a gateway.
     virtual ~CUPnPNetwork();
@@ -56,6 +58,9 @@ public:
     /// device. Tells nothing about how many devices were found. Near the wrap of the tick counter the answer
     /// can be early or late by a period.
     bool DiscoverComplete() const;
+
+    /// The tick at which the discovery period began.
+    DWORD GetDiscoverTick() const { return m_DiscoverTick; }
 
     /// Periodic upkeep: repeats searches within the discovery period, keeps up the devices, drops at most one
     /// per call, and runs a full discovery after 300000 ms. A nested call does nothing.
@@ -128,6 +133,7 @@ private:
     DWORD m_DiscoverTick = 0;                        // start of the discovery period
     DWORD m_RediscoverTick = 0;                      // last search on all sockets
     bool m_bInTickle = false;
+    bool m_bSearch; // full discoveries happen on their own
     HANDLE m_hCancelEvent = nullptr; // the host's
     int m_Dialect;
     UPnPEventCallback m_pUPnPEventCallback;
