@@ -68,7 +68,7 @@ function(tavronet_shared_library)
     target_include_directories(tavronet PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_compile_features(tavronet INTERFACE $<$<COMPILE_LANGUAGE:CXX>:cxx_std_20>)
+    target_compile_features(tavronet INTERFACE cxx_std_20) # asks nothing of C sources
     target_link_libraries(tavronet PRIVATE ${libraries})
 
     set(map "${PROJECT_SOURCE_DIR}/cmake/tavronet.map")
