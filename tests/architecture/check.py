@@ -24,7 +24,7 @@ ONLY_IN = {
 # Here only headers may not form a circle: the queue, the sockets and their delivery are one machine in several files.
 ONE_MACHINE = {"platform"}
 # The headers of the C library that a public header may include, beside all of C++'s own (which have no ".h").
-C_HEADERS = {"stdint.h", "stddef.h", "stdarg.h", "wchar.h", "time.h"}
+C_HEADERS = {"stdarg.h", "stdbool.h", "stddef.h", "stdint.h", "wchar.h"}
 
 
 def source_files(root, *folders):
@@ -166,7 +166,7 @@ def exported_names(nm, library):
         symbol = line.split(" ", 2)[2]
         entity = re.sub(r"^(?:vtable for|typeinfo for|typeinfo name for|VTT for|guard variable for|"
                         r"(?:non-)?virtual thunk to) ", "", symbol)
-        signature = entity.split("(", 1)[0]
+        signature = re.split(r"\(|::operator\b", entity, maxsplit=1)[0]
         name = re.split(r"\s(?![^<]*>)", signature)[-1]         # a template's symbol starts with its return type
         yield re.match(r"(?:tavronet::)?(?:platform::)?(~?\w*)", name).group(1), symbol
 
