@@ -123,7 +123,8 @@ TEST(GatewaySearch, OnlySearchesForThisGatewayAreAnswered)
 
 TEST(GatewaySearch, AnnouncementsReachThoseWhoHaveSearched)
 {
-    GatewayProcess gateway({"--address", "10.77.1.1"}, GatewayProcess::Place::GatewayOfLan);
+    GatewayProcess gateway({"--address", "10.77.1.1", "--uuid", "abc", "--embedded-usn"},
+                           GatewayProcess::Place::GatewayOfLan);
     Searcher first("10.77.1.2"), second("10.77.1.2"), silent("10.77.1.2");
     std::string from;
     for (Searcher* const searcher : {&first, &second}) {
@@ -139,7 +140,9 @@ TEST(GatewaySearch, AnnouncementsReachThoseWhoHaveSearched)
     const std::string alive = first.Receive(from);
     EXPECT_TRUE(alive.starts_with("NOTIFY * HTTP/1.1\r\n")) << alive;
     EXPECT_NE(alive.find("\r\nLOCATION: " + gateway.Url() + "\r\n"), std::string::npos) << alive;
-    EXPECT_NE(alive.find("\r\nNT: " + kWanted + "\r\nNTS: ssdp:alive\r\n"), std::string::npos) << alive;
+    EXPECT_NE(alive.find("\r\nNT: " + kWanted + "\r\nNTS: ssdp:alive\r\nUSN: uuid:abc-2::"),
+              std::string::npos)
+        << alive;
 }
 
 } // namespace

@@ -30,8 +30,8 @@ struct PlainAnswer
     }
 };
 
-/// Sends `request` and reads until the peer closes, a reset comes, nothing comes for `idleMs`, or `most` bytes are
-/// there.
+/// Sends `request` and reads until the peer closes, a reset comes, nothing comes for `idleMs`, or `most` bytes
+/// are there.
 PlainAnswer Exchange(const PlainPeer& peer, const std::string& request, int idleMs = 5000,
                      std::size_t most = 1 << 20);
 

@@ -28,15 +28,15 @@ public:
 
     [[nodiscard]] bool Running() const { return m_Pid > 0; }
 
-    /// Waits for the first line of its standard output that contains `text`. @return that line, empty when the program
-    /// ends before, or is too slow
+    /// Waits for the first line of its standard output that contains `text`.
+    /// @return that line; empty when the program ends before, or is too slow
     std::string AwaitLine(const std::string& text, int timeoutMs);
     /// Writes to its standard input. @return false when it has gone
     [[nodiscard]] bool Write(const std::string& text) const;
     void Signal(int number) const;
 
-    /// Sends TERM, after 10 s KILL, and waits for the end. @return the exit status, 128 + the signal when one ended it,
-    /// -1 when it was not running
+    /// Sends TERM, after 10 s KILL, and waits for the end.
+    /// @return the exit status, 128 + the signal when one ended it, -1 when it was not running
     int Stop();
 
 private:

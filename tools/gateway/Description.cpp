@@ -83,7 +83,7 @@ private:
         m_Xml.Leaf("modelName", "tavronet-gateway");
         m_Xml.Leaf("modelNumber", "1");
         m_Xml.Leaf("serialNumber", "0");
-        m_Xml.Leaf("UDN", "uuid:" + m_Identity.uuid + (level == 0 ? "" : "-" + std::to_string(level)));
+        m_Xml.Leaf("UDN", DeviceName(m_Identity, level));
     }
 
     void WriteService(const std::string& type, const std::string& id, const std::string& path)
@@ -138,6 +138,11 @@ bool AnswersSearch(const Model& model, const std::string& target)
     const std::string version = target.substr(std::min(target.size(), wanted.size() + 1));
     const bool versionFits = version == "1" || (version == "2" && model.version2);
     return versionFits && std::ranges::find(offered, wanted) != offered.end();
+}
+
+std::string DeviceName(const Identity& identity, int level)
+{
+    return "uuid:" + identity.uuid + (level == 0 ? "" : "-" + std::to_string(level));
 }
 
 std::string MakeDescription(const DescriptionOptions& options, const Identity& identity,

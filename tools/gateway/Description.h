@@ -22,6 +22,9 @@ std::vector<ConnectionService> ConnectionServices(const Model& model);
 /// Whether a search for `target` is one for this gateway.
 bool AnswersSearch(const Model& model, const std::string& target);
 
+/// "uuid:..." of the device that stands `level` devices below the root.
+std::string DeviceName(const Identity& identity, int level);
+
 /// The description document. @param base "http://HOST:PORT" of the gateway as the requester sees it
 std::string MakeDescription(const DescriptionOptions& options, const Identity& identity,
                             const std::string& base);

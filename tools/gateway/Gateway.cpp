@@ -95,7 +95,7 @@ HttpAnswer Gateway::AnswerDescription(const HttpRequest& request) const
                              std::to_string(request.local.Port());
     answer.body = m_Options.description.file.empty()
                       ? MakeDescription(m_Options.description, m_Options.identity, base)
-                      : m_FixedDescription;
+                      : Filled(m_FixedDescription, "{base}", base);
     return answer;
 }
 

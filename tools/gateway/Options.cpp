@@ -29,11 +29,12 @@ struct Texts
 {
     std::vector<std::string> description{"classic"};
     std::vector<std::string> soapStyle{"classic"};
-    std::string lineEnd = "crlf";
+    std::string lineEnd = "crlf", transfer = "length";
+    bool noSsdp = false;
     std::map<const FaultForm*, std::vector<std::string>> faults;
 };
 
-const std::map<std::string, Transfer> kTransfers = {
+const std::vector<std::pair<std::string, Transfer>> kTransfers = {
     {"length", Transfer::Length},
     {"length-keep-alive", Transfer::LengthKeepAlive},
     {"close", Transfer::Close},
@@ -51,6 +52,14 @@ bool Contains(const std::vector<std::string>& words, const std::string& word)
     return std::ranges::find(words, word) != words.end();
 }
 
+std::string Joined(const std::vector<std::string>& words)
+{
+    std::string text = words.front();
+    for (std::size_t i = 1; i < words.size(); ++i)
+        text += ", " + words[i];
+    return text;
+}
+
 XmlStyle StyleOf(const std::vector<std::string>& words, const std::string& lineEnd, const std::string& prefix)
 {
     XmlStyle style;
@@ -66,6 +75,7 @@ void DefineBasics(CLI::App& app, Options& options)
 {
     app.add_option("--address", options.addresses, "listen on this address literal (repeatable)")
         ->allow_extra_args(false)
+        ->option_text("ADDRESS")
         ->required();
     app.add_option("--http-port", options.httpPort, "port of the description and of control, 0 for any");
     app.add_flag("--refuse-connection", options.refuseConnections, "hold the HTTP port, refuse connections");
@@ -87,10 +97,10 @@ void DefineIdentity(CLI::App& app, Identity& identity)
     app.add_option("--nat", identity.natEnabled, "answer of GetNATRSIPStatus, 0 or 1")->group("Identity");
 }
 
-void DefineSearch(CLI::App& app, SearchOptions& search)
+void DefineSearch(CLI::App& app, SearchOptions& search, Texts& texts)
 {
     const std::string group = "Discovery";
-    app.add_flag("!--no-ssdp", search.enabled, "serve HTTP only")->group(group);
+    app.add_flag("--no-ssdp", texts.noSsdp, "serve HTTP only")->group(group);
     app.add_option("--ssdp-port", search.port)->group(group);
     app.add_option("--search-target", search.target, "answer every search, with this target")->group(group);
     app.add_option("--max-age", search.maxAgeSeconds)->group(group);
@@ -99,7 +109,11 @@ void DefineSearch(CLI::App& app, SearchOptions& search)
     app.add_flag("--scope-in-url", search.scopeInUrl, "link-local URLs carry the interface name")
         ->group(group);
     app.add_option("--notify-target", search.notifyTarget, "NT of announcements")->group(group);
-    app.add_option("--answer-file", search.answerFile, "answer searches with the bytes of this file")
+    app.add_flag("--embedded-usn", search.embeddedUsn, "USN names the embedded device, as many gateways do")
+        ->group(group);
+    app.add_option("--answer-file", search.answerFile,
+                   "answer searches with the bytes of this file, {location} replaced")
+        ->check(CLI::ExistingFile)
         ->group(group);
     app.add_option("--answer-copies", search.copies, "answers per search")
         ->check(CLI::Range(0, 1000))
@@ -120,13 +134,16 @@ void DefineDocuments(CLI::App& app, Options& options, Texts& texts)
     const std::string group = "Documents";
     std::vector<std::string> words = kStyleWords;
     words.insert(words.end(), kModelWords.begin(), kModelWords.end());
-    app.add_option("--description", texts.description, "form of the description, words joined by commas")
+    app.add_option("--description", texts.description, "form of the description: " + Joined(words))
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(CLI::IsMember(words))
+        ->option_text("WORD[,WORD]...")
         ->group(group);
     app.add_option("--description-path", options.description.path)->group(group);
-    app.add_option("--description-file", options.description.file, "serve the bytes of this file")
+    app.add_option("--description-file", options.description.file,
+                   "serve the bytes of this file, {base} replaced by http://HOST:PORT")
+        ->check(CLI::ExistingFile)
         ->group(group);
     app.add_option("--embedding", options.description.embedding, "devices around the connection service")
         ->check(CLI::Range(0, 1000))
@@ -139,13 +156,18 @@ void DefineDocuments(CLI::App& app, Options& options, Texts& texts)
 
     std::vector<std::string> soapWords = kStyleWords;
     soapWords.emplace_back("typed");
-    app.add_option("--soap-style", texts.soapStyle, "form of SOAP answers, words joined by commas")
+    app.add_option("--soap-style", texts.soapStyle, "form of SOAP answers: " + Joined(soapWords))
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(CLI::IsMember(soapWords))
+        ->option_text("WORD[,WORD]...")
         ->group(group);
-    app.add_option("--transfer", options.answers.transfer, "how answers are framed")
-        ->transform(CLI::CheckedTransformer(kTransfers))
+    std::vector<std::string> transferNames;
+    for (const auto& [name, transfer] : kTransfers)
+        transferNames.push_back(name);
+    app.add_option("--transfer", texts.transfer, "how answers are framed: " + Joined(transferNames))
+        ->check(CLI::IsMember(transferNames))
+        ->option_text("NAME")
         ->group(group);
     app.add_option("--chunk-bytes", options.answers.chunkBytes)->check(CLI::Range(1, 1 << 20))->group(group);
 }
@@ -174,7 +196,7 @@ void DefineFaults(CLI::App& app, Texts& texts)
     for (const FaultForm& form : Misbehaviour::Forms())
         app.add_option("--" + std::string(form.name), texts.faults[&form], form.help)
             ->allow_extra_args(false)
-            ->type_name(form.syntax)
+            ->option_text(form.syntax)
             ->group("Misbehaviour");
 }
 
@@ -188,6 +210,9 @@ void ApplyTexts(const Texts& texts, Options& options)
     options.description.style = StyleOf(texts.description, texts.lineEnd, "d");
     options.answers.style = StyleOf(texts.soapStyle, texts.lineEnd, "m");
     options.answers.typedValues = Contains(texts.soapStyle, "typed");
+    options.answers.transfer =
+        std::ranges::find(kTransfers, texts.transfer, &decltype(kTransfers)::value_type::first)->second;
+    options.search.enabled = !texts.noSsdp;
     for (const auto& [form, arguments] : texts.faults) {
         for (const std::string& argument : arguments) {
             if (!options.misbehaviour.Add(*form, argument))
@@ -204,10 +229,11 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& exitCode)
     Options options;
     Texts texts;
     CLI::App app(kAbout, "tavronet-gateway");
+    app.option_defaults()->always_capture_default();
     app.footer(kFooter);
     DefineBasics(app, options);
     DefineIdentity(app, options.identity);
-    DefineSearch(app, options.search);
+    DefineSearch(app, options.search, texts);
     DefineDocuments(app, options, texts);
     DefineTable(app, options.table);
     DefineFaults(app, texts);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -54,6 +55,7 @@ struct SearchOptions
     std::string notifyTarget = "urn:schemas-upnp-org:device:WANConnectionDevice:1";
     std::string answerFile; // not empty: its bytes are the answer
     bool scopeInUrl = false;
+    bool embeddedUsn = false; // the uuid in answers is that of the device searched for, not that of the root
     int copies = 1;
     int delayMs = 0;
     std::optional<int> byebyeAfterMs, aliveAfterMs, updateAfterMs;
@@ -80,7 +82,7 @@ struct AnswerOptions
 
 struct TableOptions
 {
-    int capacity = 1024;
+    std::size_t capacity = 1024;
     int lowestPort = 1; // external ports outside are refused with 606
     int highestPort = 65535;
     bool ownClientOnly = false;       // internal client must be the requester, else 606

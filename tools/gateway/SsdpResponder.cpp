@@ -149,7 +149,8 @@ void SsdpResponder::Answer(const Listener& listener, const Endpoint& searcher, c
 {
     const std::string& fixed = m_Options.search.target;
     const std::string shown = fixed.empty() ? target == "ssdp:all" ? "upnp:rootdevice" : target : fixed;
-    const std::string text = m_FixedAnswer.empty() ? AnswerText(listener, shown) : m_FixedAnswer;
+    const std::string text = m_FixedAnswer.empty() ? AnswerText(listener, shown)
+                                                   : Filled(m_FixedAnswer, "{location}", listener.location);
     for (int copy = 0; copy < m_Options.search.copies; ++copy)
         Send(listener, searcher, text);
     m_Log.Event("answered search of " + searcher.Text());
@@ -173,18 +174,30 @@ void SsdpResponder::Announce(const std::string& subtype)
 
 std::string SsdpResponder::AnswerText(const Listener& listener, const std::string& target) const
 {
-    const std::string device = "uuid:" + m_Options.identity.uuid;
     return "HTTP/1.1 200 OK\r\n" + CommonHeaders(listener) + "EXT:\r\nST: " + target +
-           "\r\nUSN: " + (target == device ? device : device + "::" + target) + "\r\n\r\n";
+           "\r\nUSN: " + UniqueName(target) + "\r\n\r\n";
 }
 
 std::string SsdpResponder::NotifyText(const Listener& listener, const std::string& subtype) const
 {
     const std::string& target = m_Options.search.notifyTarget;
     const std::string start = "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\n";
-    const std::string name = "NT: " + target + "\r\nNTS: " + subtype +
-                             "\r\nUSN: uuid:" + m_Options.identity.uuid + "::" + target + "\r\n\r\n";
+    const std::string name =
+        "NT: " + target + "\r\nNTS: " + subtype + "\r\nUSN: " + UniqueName(target) + "\r\n\r\n";
     return subtype == "ssdp:byebye" ? start + name : start + CommonHeaders(listener) + name;
+}
+
+std::string SsdpResponder::UniqueName(const std::string& target) const
+{
+    const std::string root = "uuid:" + m_Options.identity.uuid;
+    if (target == root)
+        return root;
+    const bool ofRoot =
+        target == "upnp:rootdevice" || target.find(":InternetGatewayDevice:") != std::string::npos;
+    const int level = ofRoot || !m_Options.search.embeddedUsn           ? 0
+                      : target.find(":WANDevice:") != std::string::npos ? 1
+                                                                        : m_Options.description.embedding;
+    return DeviceName(m_Options.identity, level) + "::" + target;
 }
 
 std::string SsdpResponder::CommonHeaders(const Listener& listener) const

@@ -51,6 +51,7 @@ private:
     void Remember(const Listener& listener, const Endpoint& searcher);
     std::string AnswerText(const Listener& listener, const std::string& target) const;
     std::string NotifyText(const Listener& listener, const std::string& subtype) const;
+    std::string UniqueName(const std::string& target) const;
     std::string CommonHeaders(const Listener& listener) const;
     static void Send(const Listener& listener, const Endpoint& to, const std::string& text);
 
