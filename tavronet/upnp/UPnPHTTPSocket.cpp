@@ -114,11 +114,12 @@ BOOL CUPnPHTTPSocket::ConnectHelper(const sockaddr_storage* address, int address
 {
     CUPnPDevice* const device = HeardDevice();
     sockaddr_storage heardFrom{};
-    if (device != nullptr)
+    const bool wasHeard = device != nullptr && !device->GetDeviceAddr().IsEmpty();
+    if (wasHeard)
         GetSockAddr(Narrow(device->GetDeviceAddr()), heardFrom);
 
     sockaddr_storage target = *address;
-    if (IsNoGatewayAddress(target) && !IsSameAddress(target, heardFrom)) {
+    if (wasHeard && IsNoGatewayAddress(target) && !IsSameAddress(target, heardFrom)) {
         WSASetLastError(WSAEADDRNOTAVAIL);
         return 0;
     }

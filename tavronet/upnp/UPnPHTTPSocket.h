@@ -21,10 +21,10 @@ class CUPnPObject;
 class TAVRONET_API CUPnPHTTPSocket : public CUPnPSocket
 {
 public:
-    /// Connects to `host`:`hostPort`; the outcome arrives by OnConnect. A target that no gateway has
-    /// (wildcard, loopback, multicast, broadcast, port 0) is refused unless the object's device was heard
-    /// from that very address; then, or when creation fails, GetErrorState is true and no notification
-    /// follows.
+    /// Connects to `host`:`hostPort`; the outcome arrives by OnConnect. When the object's device was heard in
+    /// a datagram, which anybody may send, a target that no gateway has (loopback, multicast, broadcast) is
+    /// refused unless it is the datagram's source. Then, and when creation fails, GetErrorState is true and
+    /// no notification follows.
     /// @param localAddress numeric, null or empty for any.  @param host numeric address without brackets, or
     /// a
     ///        name.  @param object borrowed: receives the response.

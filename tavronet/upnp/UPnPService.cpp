@@ -1,6 +1,5 @@
 #include "tavronet/upnp/UPnPService.h"
 
-#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -22,15 +21,19 @@ void CUPnPService::ProcessHTML(CUPnPHTTPSocket*, const char* response, int respo
     CommandResponse(response, responseLength, body, bodyLength);
 }
 
-void CUPnPService::CommandResponse(const char* response, int, const char* body, int bodyLength)
+void CUPnPService::CommandResponse(const char* response, int responseLength, const char* body, int bodyLength)
 {
     m_ErrorCode.Empty();
     m_ErrorDescription.Empty();
     ++m_AnswerSerial;
 
-    if (const char* const beforeStatus = std::strchr(response, ' ')) {
-        tavronet::ActionAnswer answer{tavronet::ReadInt32(beforeStatus), m_CommandParams, {}, {}};
-        tavronet::DialectOf(*this).ReadAnswer(answer, {body, static_cast<std::size_t>(bodyLength)});
+    const tavronet::UPnPDialect& dialect = tavronet::DialectOf(*this);
+    const std::string_view text(response, static_cast<std::size_t>(responseLength));
+    const std::size_t beforeStatus = dialect.FindStatus(text);
+    if (beforeStatus != std::string_view::npos) {
+        tavronet::ActionAnswer answer{
+            tavronet::ReadInt32(text.substr(beforeStatus)), m_CommandParams, {}, {}};
+        dialect.ReadAnswer(answer, {body, static_cast<std::size_t>(bodyLength)});
         m_ResponseCode = answer.status;
         m_CommandResults = std::move(answer.results);
         m_ErrorCode = std::move(answer.errorCode);
