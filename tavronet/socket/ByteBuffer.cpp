@@ -11,7 +11,7 @@ namespace tavronet
 namespace
 {
 
-void Copy(unsigned char* to, const unsigned char* from, int count)
+void CopyBytes(unsigned char* to, const unsigned char* from, int count)
 {
     if (count > 0)
         std::memcpy(to, from, static_cast<std::size_t>(count));
@@ -46,7 +46,7 @@ ByteBuffer ByteBuffer::Grown(std::int64_t needed) const
 {
     const std::int64_t bytes = needed < kMaxByteArraySize ? NextCapacity(m_Capacity, needed) + 1 : needed + 1;
     ByteBuffer grown(NewByteArray(bytes), m_Size, static_cast<int>(bytes - 1));
-    Copy(grown.m_pArray, Data(), m_Size);
+    CopyBytes(grown.m_pArray, Data(), m_Size);
     return grown;
 }
 
@@ -65,9 +65,16 @@ void ByteBuffer::Append(const unsigned char* data, int length)
         old = Grown(needed);
         Swap(old);
     }
-    Copy(Data() + m_Size, data, length);
+    CopyBytes(Data() + m_Size, data, length);
     m_Size = static_cast<int>(needed);
     Data()[m_Size] = 0;
+}
+
+ByteBuffer ByteBuffer::Copy() const
+{
+    ByteBuffer copy;
+    copy.Append(Data(), m_Size);
+    return copy;
 }
 
 void ByteBuffer::DropFront(int count)

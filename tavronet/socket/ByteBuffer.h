@@ -47,8 +47,11 @@ public:
 
     void DropFront(int count);
 
-    /// Makes Data() the start of the array, so that whoever takes the array over can use delete[] on it.
+    /// Whether Data() is the start of the array, so that whoever takes the array over can use delete[] on it.
+    [[nodiscard]] bool AtStart() const { return m_Begin == 0; }
     void MoveToStart();
+    /// The same bytes in an array of their own. Throws as Reserve.
+    [[nodiscard]] ByteBuffer Copy() const;
 
     /// Gives up the array, which the caller now owns; see MoveToStart.
     unsigned char* Release();

@@ -65,6 +65,10 @@ struct CTavroSocket::Sending
             socket.m_pSending = nullptr;
     }
 
+    /// An override of Send may look at the bytes that OnSend gave it after the base has sent them: the first
+    /// array goes back there.
+    void Replace(tavronet::ByteBuffer next);
+
     CTavroSocket& socket;
     tavronet::LifetimeGuard guard;
     Flushing* flushing;         // the OnSend that called, if any; outlives this
@@ -117,9 +121,14 @@ struct CTavroSocket::Flushing
 CTavroSocket::Sending::~Sending()
 {
     Finish();
-    // An override of Send may look at the bytes it was given after the base has sent them.
+    Replace({});
+}
+
+void CTavroSocket::Sending::Replace(tavronet::ByteBuffer next)
+{
     if (flushing != nullptr && !flushing->queue.Holds())
         flushing->queue = std::move(chunk);
+    chunk = std::move(next);
 }
 
 CTavroSocket::CTavroSocket() = default;
@@ -256,8 +265,8 @@ bool CTavroSocket::SendChunks(Sending& sending, int flags)
     const std::uint64_t handle = HandleId();
     while (NextChunk(sending)) {
         // A SendData of a derived class may take the chunk over by the rules of the queue: as an array.
-        if (!m_PlainSend)
-            sending.chunk.MoveToStart();
+        if (!m_PlainSend && !sending.chunk.AtStart())
+            sending.Replace(sending.chunk.Copy());
         m_PlainSend = false;
 
         WSASetLastError(0); // a result of 0 says nothing by itself
@@ -301,9 +310,7 @@ bool CTavroSocket::NextChunk(Sending& sending)
         return true;
     if (m_SendBuffer.Size() == 0 || sending.gateClosed)
         return false;
-    if (sending.flushing != nullptr && !sending.flushing->queue.Holds())
-        sending.flushing->queue = std::move(sending.chunk);
-    sending.chunk = std::move(m_SendBuffer);
+    sending.Replace(std::move(m_SendBuffer));
     return true;
 }
 
