@@ -174,8 +174,9 @@ void TreeReader::Run()
     CString& base = DescriptionBuilder::URLBase(m_Root);
     if (base.IsEmpty())
         base = TextOf(FindFirst("urlbase"));
-    const UPnPDialect& dialect = ModernDialect();
-    m_Base = Resolve(dialect.SplitURL(m_Root.GetDescURL()), base);
+    m_Base = ModernDialect().SplitURL(m_Root.GetDescURL());
+    if (!base.IsEmpty())
+        m_Base = Resolve(m_Base, base);
 
     // Without any device the document itself is taken for one.
     const pugi::xml_node own = m_RootNode ? m_RootNode : static_cast<const pugi::xml_node&>(m_Document);

@@ -13,7 +13,7 @@ namespace tavronet
 {
 
 /// Elements deeper than this are left out by whoever walks a document recursively.
-inline constexpr int kMaxXmlDepth = 256;
+inline constexpr int kMaxXmlDepth = 128;
 
 /// Loads a document. What is not well-formed is repaired: missing and crossing end tags, stray characters, text in
 /// front and behind, bytes of another encoding than UTF-8. No DTD is read and no entity but the five of XML itself.
