@@ -114,9 +114,15 @@ function(tavronet_test name)
         set_target_properties(${name} PROPERTIES
             CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/tests/support/run-in-lan;${test_LAN_OPTIONS};--")
     endif()
+    # One label, since the properties that test discovery passes on cannot hold a list; ctest -L finds a part of it.
+    set(labels ${test_LAYER} ${test_LABELS})
+    if(NOT labels)
+        set(labels ${name})
+    endif()
+    list(JOIN labels "." label)
     # Asked for when CTest starts and not while building: a test program that cannot start fails as a test.
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${test_TIMEOUT} LABELS "${test_LAYER};${test_LABELS}" SKIP_RETURN_CODE 77)
+        PROPERTIES TIMEOUT ${test_TIMEOUT} LABELS "${label}" SKIP_RETURN_CODE 77)
 endfunction()
