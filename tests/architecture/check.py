@@ -53,11 +53,11 @@ def layers_below(rules):
 
 
 def check_layer_file(name, included, own, allowed):
-    layer = name.split("/")[1]
-    if own and not included.startswith("tavronet/"):
+    layer = layer_of(name)
+    if own and not layer_of(included):
         yield f"{name}: \"{included}\" is not written from the root (tavronet/<layer>/...)"
-    elif own and included.split("/")[1] not in allowed[layer]:
-        yield f"{name}: layer {layer} includes upwards, {included}"
+    elif own and layer_of(included) not in allowed[layer]:
+        yield f"{name}: layer {layer} includes {layer_of(included)}, {included}"
     if included in ONLY_IN and not ONLY_IN[included].match(name):
         yield f"{name}: <{included}> belongs elsewhere ({ONLY_IN[included].pattern})"
 
@@ -74,9 +74,15 @@ def check_outsider(name, included, own, public):
         yield f"{name}: includes {included}, which is not installed"
 
 
+def layer_of(name):
+    """The layer of tavronet/<layer>/..., empty for any other name."""
+    parts = name.split("/")
+    return parts[1] if len(parts) == 3 and parts[0] == "tavronet" else ""
+
+
 def unit_of(name):
     """A header and its source are one unit: neither may need what needs the other."""
-    return name if name.split("/")[1] in ONE_MACHINE else os.path.splitext(name)[0]
+    return name if layer_of(name) in ONE_MACHINE else os.path.splitext(name)[0]
 
 
 def circles(edges):
