@@ -1,0 +1,114 @@
+#include "Commands.h"
+#include "Options.h"
+#include "Output.h"
+#include "Report.h"
+#include "Session.h"
+
+#include <tavronet/tavronet.h>
+
+namespace command
+{
+
+namespace
+{
+
+// Gateways spread their answers: how long to go on listening behind the last one.
+constexpr DWORD kFurtherGatewaysMs = 500;
+
+/// Tells of gateways as they come. @return all of them
+Json DiscoverAll(Session& session, const Options& options, const Output& output)
+{
+    Json found = Json::array();
+    const auto takeNew = [&] {
+        const auto gateways = session.Gateways();
+        const bool more = gateways.size() > found.size();
+        for (std::size_t i = found.size(); i < gateways.size(); ++i) {
+            found.push_back(GatewayFacts(*gateways[i]));
+            output.Line(GatewayLine(found.back()));
+        }
+        return more;
+    };
+    if (options.all) {
+        const auto untilTimeIsOver = [&] {
+            takeNew();
+            return false;
+        };
+        session.Pump(untilTimeIsOver, options.TimeoutMs(), "Listening");
+        return found;
+    }
+    if (session.AwaitGateway() == nullptr)
+        return found;
+    while (takeNew() && options.url.empty())
+        session.Pump([&] { return session.Gateways().size() > found.size(); }, kFurtherGatewaysMs,
+                     "Listening");
+    return found;
+}
+
+std::string ExternalAddressText(const std::string& address)
+{
+    if (IsPrivateIP(address.c_str()) == 0)
+        return Printable(address);
+    return Printable(address) +
+           " (private: a second gateway stands behind this one, mappings do not reach the outside)";
+}
+
+} // namespace
+
+int RunDiscover(const Options& options, const Output& output, HANDLE interrupt)
+{
+    Session session(options, output, interrupt);
+    const Json found = DiscoverAll(session, options, output);
+    if (found.empty())
+        return output.Fail(session.WhyNone());
+    output.Value(found);
+    return UPnPSuccess;
+}
+
+int RunStatus(const Options& options, const Output& output, HANDLE interrupt)
+{
+    Session session(options, output, interrupt);
+    CUPnPDevice* const gateway = session.AwaitGateway();
+    if (gateway == nullptr)
+        return output.Fail(session.WhyNone());
+
+    Json facts = GatewayFacts(*gateway);
+    CString address;
+    if (!gateway->GetExternalIPAddress(interrupt, address))
+        return output.Fail(NoAnswer("its external address", session.Interrupted()));
+    if (gateway->GetCmndRespCode() != 200)
+        return output.Fail(Refusal("to tell its external address", *gateway));
+    facts["external_address"] = CStringA(address).GetString();
+
+    // Not every gateway has this action: no reason to fail.
+    bool translates = false;
+    const bool told = gateway->GetNATEnabled(interrupt, translates) && gateway->GetCmndRespCode() == 200;
+    facts["nat_enabled"] = told ? Json(translates) : Json();
+
+    output.Value(facts);
+    output.Line("gateway            " + GatewayLine(facts));
+    output.Line("external address   " + ExternalAddressText(facts["external_address"]));
+    output.Line(std::string("translates         ") + (told ? translates ? "yes" : "no" : "not told"));
+    return UPnPSuccess;
+}
+
+int RunList(const Options& options, const Output& output, HANDLE interrupt)
+{
+    Session session(options, output, interrupt);
+    CUPnPDevice* const gateway = session.AwaitGateway();
+    if (gateway == nullptr)
+        return output.Fail(session.WhyNone());
+
+    const Json mappings = ReadMappings(*gateway, interrupt);
+    if (mappings.is_null())
+        return output.Fail(NoAnswer("its table", session.Interrupted()));
+
+    output.Value(mappings);
+    if (mappings.empty())
+        output.Line("no mappings");
+    else
+        for (const std::string& line : MappingTable(mappings))
+            output.Line(line);
+    return UPnPSuccess;
+}
+
+} // namespace command

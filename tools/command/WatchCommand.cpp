@@ -1,0 +1,163 @@
+#include "Commands.h"
+#include "Options.h"
+#include "Output.h"
+#include "Report.h"
+#include "Session.h"
+
+#include <tavronet/tavronet.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <limits>
+#include <map>
+
+namespace command
+{
+
+namespace
+{
+
+constexpr DWORD kLongest = std::numeric_limits<DWORD>::max() / 2; // three weeks and a half
+
+std::string FormatTime(const char* format, const std::tm& time)
+{
+    char text[64];
+    return {text, std::strftime(text, sizeof text, format, &time)};
+}
+
+DWORD Milliseconds(double seconds)
+{
+    return static_cast<DWORD>(std::min(seconds * 1000, static_cast<double>(kLongest)));
+}
+
+/// Compares what gateways say with what they said before, and tells the difference.
+class Watcher
+{
+public:
+    Watcher(Session& session, const Output& output) : m_Session(session), m_Output(output) {}
+
+    /// One exchange after the other with each gateway.
+    void Look()
+    {
+        const auto gateways = m_Session.Gateways();
+        ForgetAllBut(gateways);
+        for (CUPnPDevice* const gateway : gateways)
+            LookAt(*gateway);
+    }
+
+    /// Whether a gateway has come or gone since the last look.
+    [[nodiscard]] bool Outdated() const
+    {
+        const auto gateways = m_Session.Gateways();
+        return gateways.size() != m_Known.size() ||
+               std::ranges::any_of(gateways, [this](CUPnPDevice* g) { return !m_Known.contains(KeyOf(*g)); });
+    }
+
+private:
+    struct Known
+    {
+        Json facts;
+        Json mappings = Json::array();
+        std::string externalAddress;
+    };
+
+    static std::string KeyOf(const CUPnPDevice& gateway)
+    {
+        return CStringA(gateway.GetDescURL() + L" " + gateway.GetIpAddr()).GetString();
+    }
+
+    void ForgetAllBut(const std::vector<CUPnPDevice*>& gateways)
+    {
+        std::erase_if(m_Known, [&](const auto& known) {
+            const bool here =
+                std::ranges::any_of(gateways, [&](CUPnPDevice* g) { return KeyOf(*g) == known.first; });
+            if (!here)
+                Tell("gateway_gone", known.second, known.second.facts,
+                     "gone: " + GatewayLine(known.second.facts));
+            return !here;
+        });
+    }
+
+    void LookAt(CUPnPDevice& gateway)
+    {
+        const auto [entry, isNew] = m_Known.try_emplace(KeyOf(gateway));
+        Known& known = entry->second;
+        if (isNew) {
+            known.facts = GatewayFacts(gateway);
+            Tell("gateway_found", known, known.facts, "found: " + GatewayLine(known.facts));
+        }
+        CompareAddress(gateway, known);
+        CompareMappings(gateway, known);
+    }
+
+    void CompareAddress(CUPnPDevice& gateway, Known& known)
+    {
+        CString address;
+        if (!gateway.GetExternalIPAddress(m_Session.Interrupt(), address) || gateway.GetCmndRespCode() != 200)
+            return;
+        const std::string now = CStringA(address).GetString();
+        if (now != std::exchange(known.externalAddress, now))
+            Tell("external_address", known, now, "external address: " + Printable(now));
+    }
+
+    void CompareMappings(CUPnPDevice& gateway, Known& known)
+    {
+        const Json now = ReadMappings(gateway, m_Session.Interrupt());
+        if (now.is_null()) // it is dropped by the upkeep, which tells it gone
+            return;
+        const auto lacks = [](const Json& list, const Json& mapping) {
+            return std::ranges::find(list, mapping) == list.end();
+        };
+        for (const Json& mapping : known.mappings) {
+            if (lacks(now, mapping))
+                Tell("mapping_removed", known, mapping, "removed: " + MappingLine(mapping));
+        }
+        for (const Json& mapping : now) {
+            if (lacks(known.mappings, mapping))
+                Tell("mapping_added", known, mapping, "added: " + MappingLine(mapping));
+        }
+        known.mappings = now;
+    }
+
+    void Tell(const char* event, const Known& gateway, const Json& value, const std::string& line)
+    {
+        const std::time_t now = std::time(nullptr);
+        std::tm local{}, universal{};
+        ::localtime_r(&now, &local);
+        ::gmtime_r(&now, &universal);
+        m_Output.Event({{"time", FormatTime("%Y-%m-%dT%H:%M:%SZ", universal)},
+                        {"event", event},
+                        {"gateway", gateway.facts.at("description_url")},
+                        {"value", value}});
+        m_Output.Line(FormatTime("%H:%M:%S  ", local) + line);
+    }
+
+    Session& m_Session;
+    const Output& m_Output;
+    std::map<std::string, Known> m_Known;
+};
+
+} // namespace
+
+int RunWatch(const Options& options, const Output& output, HANDLE interrupt)
+{
+    const DWORD start = GetTickCount();
+    const DWORD wholeMs = options.watchSeconds > 0 ? Milliseconds(options.watchSeconds) : kLongest;
+    const auto left = [&] {
+        const DWORD elapsed = ElapsedMs(GetTickCount(), start);
+        return options.watchSeconds > 0 ? wholeMs - std::min(wholeMs, elapsed) : kLongest;
+    };
+
+    Session session(options, output, interrupt);
+    Watcher watcher(session, output);
+    while (left() > 0 && !session.Interrupted()) {
+        session.Pump([&] { return watcher.Outdated(); },
+                     std::min(left(), Milliseconds(options.intervalSeconds)), "Watching");
+        if (!session.Interrupted())
+            watcher.Look();
+    }
+    return UPnPSuccess;
+}
+
+} // namespace command
