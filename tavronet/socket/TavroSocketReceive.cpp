@@ -62,7 +62,8 @@ struct CTavroSocket::Reading
     {
         socket.m_pReading = this;
     }
-    ~Reading()
+    /// Not inlined: g++ would take the address in m_pReading for one that dangles when the socket has died.
+    [[gnu::noinline]] ~Reading()
     {
         if (owns)
             delete[] array;
