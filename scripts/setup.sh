@@ -73,10 +73,12 @@ install_packages()
     fi
 }
 
-# build PRESET: configures and builds it.
+# build PRESET [TARGET...]: configures and builds it.
 build()
 {
+    local preset=$1
+    shift
     cd "$project" || return 1
-    run_quietly "configure-$1" "Configuring (preset $1)" cmake --preset "$1" &&
-        run_quietly "build-$1" "Building" cmake --build --preset "$1"
+    run_quietly "configure-$preset" "Configuring (preset $preset)" cmake --preset "$preset" &&
+        run_quietly "build-$preset" "Building" cmake --build --preset "$preset" ${1:+--target "$@"}
 }
