@@ -25,9 +25,9 @@ public:
     /// a datagram, which anybody may send, a target that no gateway has (loopback, multicast, broadcast) is
     /// refused unless it is the datagram's source. Then, and when creation fails, GetErrorState is true and
     /// no notification follows.
-    /// @param localAddress numeric, null or empty for any.  @param host numeric address without brackets, or
-    /// a
-    ///        name.  @param object borrowed: receives the response.
+    /// @param localAddress numeric, null or empty for any.
+    /// @param host numeric address without brackets, or a name.
+    /// @param object borrowed: receives the response.
     CUPnPHTTPSocket(const char* localAddress, UINT localPort, const char* host, UINT hostPort,
                     CUPnPObject* object);
     ~CUPnPHTTPSocket() override;

@@ -20,8 +20,7 @@ class UPnPDialect;
 enum UPnPDialectCode
 {
     UPnPDialectClassic = 0, ///< descriptions with a tag a line, version-1 services, unprefixed answers
-    UPnPDialectModern =
-        1 ///< any well-formed XML, version-2 services, chunked answers, IPv6 addresses in URLs
+    UPnPDialectModern = 1   ///< any XML, version-2 services, chunked answers, IPv6 addresses in URLs
 };
 
 /// Finds the Internet gateways of the local networks and keeps them.
@@ -82,8 +81,7 @@ public:
     /// URL or UUID. Null when there is none.
     CUPnPDevice* GetUPnPDevice(CUPnPDevice* record) const;
 
-    /// The first device reached through the local address `address`, compared as text; null when there is
-    /// none.
+    /// The first device reached through the local address `address`, compared as text; null if there is none.
     CUPnPDevice* FindDevice(const char* address) const;
     /// The service of that type on the device reached through `address`; null when there is none.
     CUPnPService* FindService(const char* address, const char* serviceType) const;
@@ -133,7 +131,7 @@ private:
     DWORD m_DiscoverTick = 0;                        // start of the discovery period
     DWORD m_RediscoverTick = 0;                      // last search on all sockets
     bool m_bInTickle = false;
-    bool m_bSearch; // full discoveries happen on their own
+    bool m_bSearch;                  // full discoveries happen on their own
     HANDLE m_hCancelEvent = nullptr; // the host's
     int m_Dialect;
     UPnPEventCallback m_pUPnPEventCallback;

@@ -30,8 +30,7 @@ public:
     /// Sends an action: text pairs (argument name, value), ended by a null pointer (nullptr, not 0).
     /// @param wait true: returns when the answer has been read, at the latest after 10000 ms.
     /// @param cancel null or a manual-reset event that ends the wait as a failure; not closed.
-    /// @return true: the answer was read (blocking), the connection is under way (not blocking), or the
-    /// action
+    /// @return true: the answer was read (blocking), the connection is under way (not blocking), or the action
     ///         waits behind another one; it is then sent later and reports nothing. The content of the answer
     ///         is in GetResponseCode and the other getters below.
     ///         false: no connection, no answer in time, cancelled, connection lost, or 1024 actions wait; the

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -67,7 +68,7 @@ public:
     LanGateway(const LanGateway&) = delete;
     LanGateway& operator=(const LanGateway&) = delete;
 
-    /// The searches heard since the last call; delivery across the cable is immediate.
+    /// The searches heard since the last call, until it has been quiet for a moment.
     std::vector<Search> Heard()
     {
         std::vector<Search> heard;
@@ -75,6 +76,8 @@ public:
             char block[2048];
             Search search{};
             search.senderLength = sizeof search.sender;
+            pollfd readable{m_Descriptor, POLLIN, 0};
+            poll(&readable, 1, 20);
             const ssize_t got = recvfrom(m_Descriptor, block, sizeof block, 0,
                                          reinterpret_cast<sockaddr*>(&search.sender), &search.senderLength);
             if (got < 0)

@@ -125,6 +125,8 @@ TEST_F(UPnPHTTPSocket, AResponseIsFramedByItsLengthOrByTheClose)
             peer.Write(0, part);
             PumpBriefly(8);
         }
+        if (row.deliveredAtOnce)
+            PumpUntil([&] { return taker.handOvers > 0; });
         EXPECT_EQ(taker.handOvers, row.deliveredAtOnce ? 1 : 0);
         ASSERT_NE(connection, nullptr);
         EXPECT_EQ(connection->GetHTMLProcessed(), row.deliveredAtOnce);

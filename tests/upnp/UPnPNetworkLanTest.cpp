@@ -52,7 +52,7 @@ protected:
     void Hear(const std::string& headers, const std::string& start = "HTTP/1.1 200 OK")
     {
         gateway->Say(first.at(0), start + "\r\n" + headers + "\r\n\r\n");
-        PumpBriefly(10);
+        PumpBriefly(25);
     }
 
     TestClock clock;

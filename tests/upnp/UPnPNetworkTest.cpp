@@ -29,6 +29,12 @@ protected:
         static_cast<UPnPNetwork*>(self)->events.push_back({code, object});
     }
 
+    static void RegisterTwice(void* self, unsigned int, CUPnPObject* record)
+    {
+        static_cast<UPnPNetwork*>(self)->network.NewUPnPDevice(static_cast<CUPnPDevice*>(record));
+        static_cast<UPnPNetwork*>(self)->network.NewUPnPDevice(static_cast<CUPnPDevice*>(record));
+    }
+
     /// Hands in a search answer. @return the device registered last.
     CUPnPDevice* Answer(const Announced& announced)
     {
@@ -182,6 +188,15 @@ TEST_F(UPnPNetwork, AnAnnouncementIsShownToTheHostAndThenActedOn)
     network.Notify(MakeRecord(&network, {.source = "10.0.0.8", .usn = "uuid:8", .nts = "ssdp:byebye"}));
     EXPECT_EQ(network.NumDevices(), 1U);
     EXPECT_EQ(Codes(), std::vector<unsigned int>(4, UPnPEventDeviceNotify));
+}
+
+TEST_F(UPnPNetwork, TheHostMayRegisterTheRecordItIsShown)
+{
+    network.SetUPnPEventCallback(&RegisterTwice);
+    CUPnPDevice* const record = MakeRecord(&network, {.nts = "ssdp:alive"});
+    network.Notify(record);
+    EXPECT_EQ(network.NumDevices(), 1U);
+    EXPECT_EQ(network.GetUPnPDevice(0), record);
 }
 
 TEST_F(UPnPNetwork, AByeByeReleasesTheDeviceAtTheNextTickle)

@@ -43,7 +43,7 @@ protected:
         ASSERT_FALSE(heard.empty());
         for (const std::string& text : texts) {
             gateway.Say(heard[0], text);
-            PumpBriefly(10);
+            PumpBriefly(25);
         }
     }
 
