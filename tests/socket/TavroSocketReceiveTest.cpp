@@ -261,6 +261,31 @@ TEST(TavroSocketReceive, ANotificationInsideAPassKeepsTheOrder)
     EXPECT_FALSE(socket.GetMissedReceive());
 }
 
+TEST(TavroSocketReceive, ANotificationOfTheOldHandleEndsWithIt)
+{
+    ScriptedSocket socket;
+    const auto renew = [&socket] {
+        socket.Close();
+        return socket.Create(0, 2, FD_ALL, L"127.0.0.1", 0);
+    };
+    ASSERT_EQ(renew(), 1);
+    Source source(socket);
+    source.texts = {"old", "new"};
+    socket.processReceive = [&](unsigned char*&, int&) { return renew(), false; };
+    socket.OnReceive(0);
+    EXPECT_EQ(socket.Held(), "old") << "what is there for the new handle is not read yet";
+
+    socket.receiveData = [&](unsigned char*, int, int flags) {
+        if (flags == kPeek)
+            return 1;
+        renew();
+        WSASetLastError(WSAECONNABORTED);
+        return -1;
+    };
+    socket.OnReceive(0);
+    EXPECT_NE(socket.GetSocket(), INVALID_SOCKET) << "the connection that broke was the old one";
+}
+
 TEST(TavroSocketReceive, ASourceWithoutEndLetsOthersHaveTheirTurn)
 {
     Pair pair;

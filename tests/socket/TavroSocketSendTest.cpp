@@ -182,6 +182,35 @@ TEST(TavroSocketSend, AWriteNotificationInsideABlockedSendIsNotLost)
     EXPECT_TRUE(socket.GateIsOpen());
 }
 
+TEST(TavroSocketSend, AFlushThatIsRefusedLeavesTheGateAsItWas)
+{
+    ScriptedSocket socket;
+    socket.Send("waits");
+    socket.okayToSend = [] { return false; };
+    socket.OnSend(0);
+    EXPECT_EQ(socket.Queued(), "waits");
+    EXPECT_FALSE(socket.GateIsOpen());
+}
+
+TEST(TavroSocketSend, ANewHandleGetsNothingOfTheOldOnes)
+{
+    ScriptedSocket socket;
+    socket.Create(0, 2, FD_ALL, L"127.0.0.1", 0);
+    socket.OpenGate();
+    int calls = 0;
+    socket.sendData = [&](unsigned char*, int, int) {
+        ++calls;
+        socket.Close();
+        socket.Create(0, 2, FD_ALL, L"127.0.0.1", 0);
+        socket.Send("for the new one");
+        return 1;
+    };
+    EXPECT_EQ(socket.Send("for the old one"), -1);
+    EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(socket.Queued(), "for the new one");
+}
+
 TEST(TavroSocketSend, AnOverrideOfSendCanLookAtTheFlushedBytesAfterwards)
 {
     ScriptedSocket socket;

@@ -71,8 +71,16 @@ TEST(TavroSocketCreate, BindsToTheAddressOrTheWildcard)
 
 TEST(TavroSocketCreate, AFailedBindLeavesNoHandleAndItsError)
 {
+    class ForgetfulSocket : public CTavroSocket
+    {
+        void Close() override
+        {
+            CTavroSocket::Close();
+            WSASetLastError(0);
+        }
+    };
     const tavronet::PlainListener taken(AF_INET);
-    CTavroSocket socket;
+    ForgetfulSocket socket;
     EXPECT_EQ(socket.Create(taken.Port(), SOCK_STREAM, FD_ALL, L"127.0.0.1", AF_INET), 0);
     EXPECT_EQ(WSAGetLastError(), WSAEADDRINUSE);
     EXPECT_EQ(socket.GetSocket(), INVALID_SOCKET);
