@@ -58,7 +58,7 @@ int RunDiscover(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
     const Json found = DiscoverAll(session, options, output);
-    if (found.empty())
+    if (found.empty() || session.Interrupted())
         return output.Fail(session.WhyNone());
     output.Value(found);
     return UPnPSuccess;
