@@ -223,7 +223,8 @@ bool TreeReader::ReadContents(CUPnPDevice& device, const pugi::xml_node& node, i
             continue;
         bool goOn = true;
         if (name == "service")
-            goOn = ReadService(device, child);
+            goOn =
+                ReadService(device, child) && ReadContents(device, child, depth + 1); // when it is not closed
         else if (name == "device" && child != m_RootNode)
             goOn = ReadEmbedded(device, child, depth);
         else
@@ -272,6 +273,28 @@ void FindPreferred(const CUPnPObject& node, CUPnPService*& best)
             best = service;
     }
 }
+
+// --- answers --------------------------------------------------------------------------------------------------------
+
+constexpr int kSuccess = 200;
+constexpr int kServerError = 500;
+
+/// An element looked for in an answer: the first one that is not empty counts.
+struct WantedElement
+{
+    std::string name; // in lower case
+    CString* value;   // unchanged when there is none
+    bool found = false;
+
+    void TakeFrom(const pugi::xml_node& node, const std::string& itsName)
+    {
+        const CString text = !found && name == itsName ? TextOf(node) : CString();
+        if (text.IsEmpty())
+            return;
+        *value = text;
+        found = true;
+    }
+};
 
 } // namespace
 
@@ -365,38 +388,20 @@ void ModernGatewayDialect::ReadAnswer(ActionAnswer& answer, std::string_view bod
     pugi::xml_document document;
     LoadXml(body, document);
 
-    struct Wanted
-    {
-        std::string name;
-        CString* value;
-        bool found = false;
-    };
-    std::vector<Wanted> wanted;
-    for (std::size_t i = 0; i + 1 < answer.results.size(); i += 2)
+    std::vector<WantedElement> wanted{{"errorcode", &answer.errorCode},
+                                      {"errordescription", &answer.errorDescription}};
+    for (std::size_t i = 0; answer.status == kSuccess && i + 1 < answer.results.size(); i += 2)
         wanted.push_back({LowerCased(Narrow(answer.results[i]).View()), &answer.results[i + 1]});
-    Wanted code{"errorcode", &answer.errorCode};
-    Wanted description{"errordescription", &answer.errorDescription};
-    bool isFault = false;
 
-    const auto take = [](Wanted& item, const std::string& name, const pugi::xml_node& element) {
-        if (item.found || item.name != name)
-            return;
-        const CString text = TextOf(element);
-        if (text.IsEmpty())
-            return;
-        *item.value = text;
-        item.found = true;
-    };
+    bool isFault = false;
     for (pugi::xml_node node = document; node; node = NextNode(node)) {
         const std::string name = LocalName(node);
         isFault = isFault || name == "fault" || name == "upnperror";
-        take(code, name, node);
-        take(description, name, node);
-        if (answer.status == 200 && !name.empty())
-            std::ranges::for_each(wanted, [&](Wanted& item) { take(item, name, node); });
+        for (WantedElement& element : wanted)
+            element.TakeFrom(node, name);
     }
-    if (answer.status == 200 && isFault) // some devices report faults as success
-        answer.status = 500;
+    if (answer.status == kSuccess && isFault) // some devices report faults as success
+        answer.status = kServerError;
 }
 
 URLParts ModernGatewayDialect::SplitURL(const CString& text) const

@@ -308,6 +308,10 @@ TEST(Description, TheModernReaderServesWhatGatewaysWrite)
         {"a leaf not closed",
          WithService("<service><serviceType>" + kIP1 + "<controlURL>/ip</controlURL></service>"),
          "192.168.1.1|5000|/ip"},
+        {"a service not closed",
+         WithService("<service><serviceType>urn:x:service:Other:1</serviceType><controlURL>/o</controlURL>" +
+                     Service(kIP1, "/ip")),
+         "192.168.1.1|5000|/ip"},
         {"a list not closed", "<root><device><serviceList>" + Service(kIP1, "/ip") + "</device></root>",
          "192.168.1.1|5000|/ip"},
         {"cut off", WithService(Service(kIP1, "/ip")).substr(0, 330), "192.168.1.1|5000|/ip"},
