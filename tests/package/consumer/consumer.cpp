@@ -38,7 +38,8 @@ int main(int argumentCount, char**)
     failures += Check(UPnPDiscoverComplete() == 3, "the flat interface starts without a network");
 
     Connection connection;
-    failures += Check(dynamic_cast<CTavroSocket*>(&connection) != nullptr, "a derived connection has its base's type");
+    failures += Check(dynamic_cast<CTavroSocket*>(&connection) != nullptr,
+                      "a derived connection has its base's type");
 
     const CUPnPPortMap map(8080, "TCP", "192.0.2.2", "consumer");
     failures += Check(map.ExternalPort() == 8080, "a port map keeps its port");
