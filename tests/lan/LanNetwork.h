@@ -1,0 +1,93 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tavronet/platform/TestSeams.h"
+#include "tavronet/upnp/UPnPDevice.h"
+#include "tavronet/upnp/UPnPNetwork.h"
+#include "tavronet/upnp/UPnPService.h"
+#include "tests/support/GatewayProcess.h"
+#include "tests/support/LoopbackPair.h"
+
+inline std::string Utf8(const CString& text)
+{
+    return CStringA(text).GetString();
+}
+
+/// A gateway's table, owned.
+class PortMapList
+{
+public:
+    PortMapList() = default;
+    ~PortMapList() { CUPnPDevice::ReleasePortMaps(list); }
+    PortMapList(const PortMapList&) = delete;
+    PortMapList& operator=(const PortMapList&) = delete;
+
+    /// "TCP 8080 10.77.1.2:8080 game" per entry.
+    [[nodiscard]] std::vector<std::string> Lines() const
+    {
+        std::vector<std::string> lines;
+        for (const CUPnPPortMap* const map : list)
+            lines.push_back(Utf8(map->GetProtocol()) + " " + Utf8(map->GetExternalPort()) + " " +
+                            Utf8(map->GetInternalClient()) + ":" + Utf8(map->GetInternalPort()) + " " +
+                            Utf8(map->GetPortMappingDescription()));
+        return lines;
+    }
+
+    std::vector<CUPnPPortMap*> list;
+};
+
+/// A test on the private LAN that uses the class interface and notes the events.
+class LanNetwork : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        const char* const lan = std::getenv("TAVRONET_LAN");
+        if (lan == nullptr || std::string_view(lan) != "private")
+            GTEST_SKIP() << "searches only on a private LAN; run under scripts/with-lan";
+    }
+
+    void TearDown() override
+    {
+        network.reset();
+        EXPECT_EQ(tavronet::CountLivingObjects(), (tavronet::LivingObjects{0, 0}));
+    }
+
+    tavronet::GatewayProcess& StartGateway(const std::string& address, std::vector<std::string> options = {})
+    {
+        options.insert(options.end(), {"--address", address});
+        const auto place = tavronet::GatewayProcess::Place::GatewayOfLan;
+        return *gateways.emplace_back(std::make_unique<tavronet::GatewayProcess>(options, place));
+    }
+
+    void Search(int dialect) { network = std::make_unique<CUPnPNetwork>(OnEvent, this, dialect); }
+
+    /// Pumps until the device reached from that address of this machine is described. @return null when none
+    /// is
+    CUPnPDevice* AwaitDevice(const std::string& localAddress)
+    {
+        const auto described = [&] {
+            CUPnPDevice* const device = network->FindDevice(localAddress.c_str());
+            return device != nullptr && device->DiscoverComplete();
+        };
+        return tavronet::PumpUntil(described) ? network->FindDevice(localAddress.c_str()) : nullptr;
+    }
+
+    std::vector<std::unique_ptr<tavronet::GatewayProcess>> gateways;
+    std::unique_ptr<CUPnPNetwork> network;
+    std::vector<std::pair<unsigned, int>> events; // code and depth of the node
+
+private:
+    static void OnEvent(void* context, unsigned code, CUPnPObject* object)
+    {
+        static_cast<LanNetwork*>(context)->events.emplace_back(code, object->ParentDepth());
+    }
+};
