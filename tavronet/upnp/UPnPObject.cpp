@@ -67,7 +67,8 @@ bool CUPnPObject::WaitEvent(HANDLE event, HANDLE cancel)
     const HANDLE handles[] = {event, cancel};
     const DWORD count = cancel == nullptr ? 1 : 2;
     const DWORD start = GetTickCount();
-    DWORD remaining = m_WaitTimeout;
+    const DWORD timeout = m_WaitTimeout; // dispatching may destroy this node
+    DWORD remaining = timeout;
 
     DispatchMessages();
     while (guard.Alive()) {
@@ -79,10 +80,10 @@ bool CUPnPObject::WaitEvent(HANDLE event, HANDLE cancel)
 
         // Measured from the start, so that no flow of messages prolongs the wait.
         const DWORD elapsed = ElapsedMs(GetTickCount(), start);
-        if (elapsed >= m_WaitTimeout)
+        if (elapsed >= timeout)
             return false;
         DispatchMessages();
-        remaining = m_WaitTimeout - elapsed;
+        remaining = timeout - elapsed;
     }
     return false;
 }
