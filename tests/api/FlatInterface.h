@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -19,7 +20,8 @@ inline constexpr char kLocal[] = "10.77.1.2"; // of this machine on the private 
 inline constexpr char kGateway[] = "10.77.1.1";
 
 /// A tick counter that starts anywhere and runs faster than real time, so that a discovery period passes in a
-/// moment while waits keep the real clock.
+/// moment while waits keep the real clock. It stands still at first, so that what a test sets up happens at a
+/// known tick.
 class FastClock
 {
 public:
@@ -41,7 +43,12 @@ public:
     }
 
 private:
-    static DWORD Tick() { return s_Start + static_cast<DWORD>(RealMs() * s_Factor); }
+    static constexpr int kStandsStillMs = 150;
+
+    static DWORD Tick()
+    {
+        return s_Start + static_cast<DWORD>(std::max(0, RealMs() - kStandsStillMs) * s_Factor);
+    }
 
     inline static DWORD s_Start;
     inline static int s_Factor;
