@@ -28,9 +28,5 @@ configure_file("${CMAKE_CURRENT_LIST_DIR}/tavronet.pc.in" "${generated_dir}/tavr
 install(FILES "${generated_dir}/tavronet.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 if(TAVRONET_BUILD_TOOLS)
-    foreach(tool IN ITEMS tavronet_command tavronet-gateway)
-        if(TARGET ${tool})
-            install(TARGETS ${tool} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
-        endif()
-    endforeach()
+    install(TARGETS tavronet_command tavronet-gateway RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 endif()
