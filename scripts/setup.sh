@@ -15,6 +15,7 @@ readonly needed_packages=(
 readonly optional_packages=(
     ccache                                              # quicker second builds
     miniupnpd-nftables nftables                         # a real gateway daemon for the tests to talk to
+    libglib2.0-dev libuv1-dev libasio-dev               # the examples that run in these loops
 )
 
 missing_packages()
