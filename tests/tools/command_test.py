@@ -336,7 +336,7 @@ class RealGateway:
 
     def test_the_whole_road(self):
         found = self.ran(DONE, "discover", "--json").json
-        self.assertEqual([each["name"] for each in found], ["Real gateway"])
+        self.assertEqual({each["name"] for each in found}, {"Real gateway"})  # perhaps by IPv6 as well
         self.assertTrue(found[0]["service"].endswith(f"WANIPConnection:{self.version}"), found[0]["service"])
         status = self.ran(DONE, "status", "--json").json
         self.assertEqual((status["external_address"], status["nat_enabled"]), ("44.128.0.7", True))
@@ -374,6 +374,8 @@ def main():
     ran = unittest.main(exit=False).result
     if not ran.wasSuccessful():
         return 1
+    for _, why in ran.skipped:
+        print("SKIPPED: " + why)
     return 77 if ran.testsRun == len(ran.skipped) else 0
 
 

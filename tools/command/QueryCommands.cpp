@@ -6,6 +6,8 @@
 
 #include <tavronet/tavronet.h>
 
+#include <algorithm>
+
 namespace command
 {
 
@@ -15,33 +17,52 @@ namespace
 // Gateways spread their answers: how long to go on listening behind the last one.
 constexpr DWORD kFurtherGatewaysMs = 500;
 
-/// Tells of gateways as they come. @return all of them
+/// Takes gateways as they are described, which is not the order in which they answered.
+class Discovery
+{
+public:
+    Discovery(const Session& session, const Output& output) : m_Session(session), m_Output(output) {}
+
+    /// Tells of those not told of before. @return whether there were any
+    bool TakeNew()
+    {
+        const std::size_t before = m_Found.size();
+        for (CUPnPDevice* const gateway : m_Session.Gateways()) {
+            const Json facts = GatewayFacts(*gateway);
+            if (std::ranges::find(m_Found, facts) != m_Found.end())
+                continue;
+            m_Found.push_back(facts);
+            m_Output.Line(GatewayLine(facts));
+        }
+        return m_Found.size() > before;
+    }
+
+    [[nodiscard]] const Json& Found() const { return m_Found; }
+
+private:
+    const Session& m_Session;
+    const Output& m_Output;
+    Json m_Found = Json::array();
+};
+
 Json DiscoverAll(Session& session, const Options& options, const Output& output)
 {
-    Json found = Json::array();
-    const auto takeNew = [&] {
-        const auto gateways = session.Gateways();
-        const bool more = gateways.size() > found.size();
-        for (std::size_t i = found.size(); i < gateways.size(); ++i) {
-            found.push_back(GatewayFacts(*gateways[i]));
-            output.Line(GatewayLine(found.back()));
-        }
-        return more;
-    };
+    Discovery discovery(session, output);
     if (options.all) {
         const auto untilTimeIsOver = [&] {
-            takeNew();
+            discovery.TakeNew();
             return false;
         };
         session.Pump(untilTimeIsOver, options.TimeoutMs(), "Listening");
-        return found;
+        return discovery.Found();
     }
     if (session.AwaitGateway() == nullptr)
-        return found;
-    while (takeNew() && options.url.empty())
-        session.Pump([&] { return session.Gateways().size() > found.size(); }, kFurtherGatewaysMs,
-                     "Listening");
-    return found;
+        return discovery.Found();
+    discovery.TakeNew();
+    const auto another = [&] { return discovery.TakeNew(); };
+    while (options.url.empty() && session.Pump(another, kFurtherGatewaysMs, "Listening"))
+        continue;
+    return discovery.Found();
 }
 
 std::string ExternalAddressText(const std::string& address)

@@ -4,6 +4,8 @@
 
 #include <tavronet/tavronet.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -15,6 +17,9 @@ namespace
 
 constexpr DWORD kTickleSpacingMs = 1000;
 constexpr DWORD kProgressSpacingMs = 100;
+
+// Mappings lead to IPv4 addresses. A gateway that was heard by IPv6 first will be heard by IPv4 at once.
+constexpr DWORD kIPv4GraceMs = 300;
 
 std::string Utf8(const CString& text)
 {
@@ -90,8 +95,24 @@ CUPnPDevice* Session::AwaitGateway()
         return nullptr; // nothing can answer
     const auto settled = [this] { return !Gateways().empty() || m_DescriptionUnreadable; };
     Pump(settled, m_Options.TimeoutMs(), "Looking for a gateway");
+
+    const auto isIPv4 = [](const CUPnPDevice* gateway) {
+        return AddressFamily(CStringA(gateway->GetIpAddr())) == AF_INET;
+    };
+    const auto firstIPv4 = [&]() -> CUPnPDevice* {
+        const auto gateways = Gateways();
+        const auto found = std::ranges::find_if(gateways, isIPv4);
+        return found != gateways.end() ? *found : nullptr;
+    };
+    const bool chosen = !m_Options.url.empty() || !m_Options.localAddress.empty();
+    if (!chosen && !Gateways().empty() && firstIPv4() == nullptr)
+        Pump([&] { return firstIPv4() != nullptr; }, kIPv4GraceMs, "Looking for a gateway");
+
     const auto gateways = Gateways();
-    return gateways.empty() || Interrupted() ? nullptr : gateways.front();
+    if (gateways.empty() || Interrupted())
+        return nullptr;
+    CUPnPDevice* const preferred = firstIPv4();
+    return preferred != nullptr && !chosen ? preferred : gateways.front();
 }
 
 bool Session::Pump(const std::function<bool()>& done, DWORD timeoutMs, const char* doing)
@@ -153,9 +174,11 @@ Failure Session::WhyNone() const
     Failure failure{.code = UPnPNoDevice};
     if (const auto misfits = Misfits(); !misfits.empty()) {
         failure.message = "no usable gateway: " + misfits[0].url + " " + misfits[0].why;
-        failure.advice = m_Options.classic
-                             ? std::vector<std::string>{"without --classic"}
-                             : std::vector<std::string>{"`tavronet doctor` shows all that answers"};
+        if (m_Options.classic)
+            failure.advice.emplace_back("without --classic");
+        if (!m_Options.localAddress.empty())
+            failure.advice.emplace_back("without --interface");
+        failure.advice.emplace_back("`tavronet doctor` shows all that answers");
     } else if (m_Options.url.empty() && SearchableAddresses().empty()) {
         failure.message =
             "no interface with a private address (192.168.x.x, 172.16-31.x.x, 10.x.x.x, fcxx:, fdxx:) "

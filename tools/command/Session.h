@@ -28,8 +28,8 @@ public:
     /// Described gateways that can map ports and that the options admit, in the order in which they answered.
     [[nodiscard]] std::vector<CUPnPDevice*> Gateways() const;
 
-    /// Waits until there is one, for the time that the options give. @return the first, null when there is
-    /// none
+    /// Waits until there is one, for the time that the options give.
+    /// @return the first, one reached by IPv4 before others; null when there is none
     CUPnPDevice* AwaitGateway();
 
     /// Dispatches what arrives and runs the upkeep until `done` holds, asked after each step.
