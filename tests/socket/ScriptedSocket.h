@@ -2,100 +2,109 @@
 
 #include <functional>
 #include <string>
-#include <utility>
+#include <type_traits>
 
+#include "tavronet/platform/LastError.h"
 #include "tavronet/socket/TavroSocket.h"
+#include "tests/support/LoopbackPair.h"
 
-/// A socket whose hooks do what a test says; a hook without a script is the base's.
+/// A hook that does what the script `...` + Script says, without one what the base does, between two calls of
+/// `around`.
+#define SCRIPTED_HOOK(result, name, parameters, arguments)                               \
+    std::function<result parameters> name##Script;                                       \
+    result name parameters override                                                      \
+    {                                                                                    \
+        return Around<result>(#name, [&]() -> result {                                   \
+            return name##Script ? name##Script arguments : CTavroSocket::name arguments; \
+        });                                                                              \
+    }
+
+/// A socket whose hooks do what a test says.
 class ScriptedSocket : public CTavroSocket
 {
 public:
-    using Transfer = std::function<int(unsigned char* data, int length, int flags)>;
-
-    Transfer send, sendData, receiveData;
-    std::function<bool()> okayToSend, okayToReceive, onReceivePreRead;
-    std::function<void(bool)> setOkayToSend;
-    std::function<bool(int)> onReceiveNoDataContinue;
-    std::function<void(unsigned char*&, int&, int&)> onReceivePreProcessResponse;
-    std::function<bool(unsigned char*&, int&)> processReceive;
+    SCRIPTED_HOOK(bool, OkayToReceive, (), ())
+    SCRIPTED_HOOK(bool, OnReceivePreRead, (), ())
+    SCRIPTED_HOOK(int, ReceiveData, (unsigned char* data, int length, int flags), (data, length, flags))
+    SCRIPTED_HOOK(bool, OnReceiveNoDataContinue, (int peeked), (peeked))
+    SCRIPTED_HOOK(void, OnReceivePreProcessResponse, (unsigned char*& buffer, int& received, int& held),
+                  (buffer, received, held))
+    SCRIPTED_HOOK(bool, ProcessReceive, (unsigned char*& buffer, int& length), (buffer, length))
+    SCRIPTED_HOOK(bool, ProcessReceiveBuffer, (unsigned char*& buffer, int& length), (buffer, length))
+    SCRIPTED_HOOK(int, Send, (unsigned char* data, int length, int flags), (data, length, flags))
+    SCRIPTED_HOOK(int, SendData, (unsigned char* data, int length, int flags), (data, length, flags))
+    SCRIPTED_HOOK(bool, OkayToSend, (), ())
+    SCRIPTED_HOOK(void, SetOkayToSend, (bool allowed), (allowed))
+    SCRIPTED_HOOK(void, OnConnect, (int error), (error))
+    SCRIPTED_HOOK(void, OnReceive, (int error), (error))
+    SCRIPTED_HOOK(void, OnSend, (int error), (error))
+    SCRIPTED_HOOK(void, OnClose, (int error), (error))
+    std::function<void(const std::string& hook, bool after)> around;
 
     using CTavroSocket::ClearSendBuffer;
     using CTavroSocket::GetReceiveBuffer;
+    using CTavroSocket::GetReceiveBufferSize;
     using CTavroSocket::GetSendBuffer;
     using CTavroSocket::GetSendBufferSize;
-    using CTavroSocket::OnReceive;
-    using CTavroSocket::OnSend;
     using CTavroSocket::ReleaseReceiveBuffer;
     using CTavroSocket::TakeReceiveBuffer;
     using CTavroSocket::TakeSendChunk;
-
-    /// The base's hooks, for scripts.
-    int BaseSend(unsigned char* data, int length, int flags)
-    {
-        return CTavroSocket::Send(data, length, flags);
-    }
-    int BaseSendData(unsigned char* data, int length, int flags)
-    {
-        return CTavroSocket::SendData(data, length, flags);
-    }
-    void OpenGate(bool open = true) { CTavroSocket::SetOkayToSend(open); }
-    bool GateIsOpen() { return CTavroSocket::OkayToSend(); }
-
-    [[nodiscard]] std::string Queued() const { return Text(GetSendBuffer(), GetSendBufferSize()); }
-    [[nodiscard]] std::string Held() const { return Text(GetReceiveBuffer(), GetReceiveBufferSize()); }
-
-    static std::string Text(const unsigned char* bytes, int length)
-    {
-        return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
-    }
 
     template <typename Text>
     int Send(const Text& text)
     {
         return CTavroSocket::Send(text);
     }
-    int Send(unsigned char* data, int length, int flags) override
+    int BaseSend(unsigned char* data, int length) { return CTavroSocket::Send(data, length, 0); }
+    int BaseSendData(unsigned char* data, int length) { return CTavroSocket::SendData(data, length, 0); }
+    bool GateIsOpen() { return CTavroSocket::OkayToSend(); }
+    void Renew()
     {
-        return send ? send(data, length, flags) : CTavroSocket::Send(data, length, flags);
+        Close();
+        EXPECT_EQ(Create(0, SOCK_DGRAM, FD_ALL, L"127.0.0.1", 0), 1);
     }
-    bool OkayToReceive() override { return okayToReceive ? okayToReceive() : CTavroSocket::OkayToReceive(); }
 
-protected:
-    int ReceiveData(unsigned char* buffer, int length, int flags) override
+    [[nodiscard]] std::string Queued() const { return Text(GetSendBuffer(), GetSendBufferSize()); }
+    [[nodiscard]] std::string Held() const { return Text(GetReceiveBuffer(), GetReceiveBufferSize()); }
+    static std::string Text(const unsigned char* bytes, int length)
     {
-        return receiveData ? receiveData(buffer, length, flags)
-                           : CTavroSocket::ReceiveData(buffer, length, flags);
+        return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
     }
-    bool OnReceivePreRead() override { return onReceivePreRead ? onReceivePreRead() : true; }
-    bool OnReceiveNoDataContinue(int peeked) override
+
+private:
+    template <typename Result, typename Call>
+    Result Around(const char* hook, Call call)
     {
-        return onReceiveNoDataContinue ? onReceiveNoDataContinue(peeked) : false;
-    }
-    void OnReceivePreProcessResponse(unsigned char*& buffer, int& received, int& held) override
-    {
-        if (onReceivePreProcessResponse)
-            onReceivePreProcessResponse(buffer, received, held);
-        else
-            CTavroSocket::OnReceivePreProcessResponse(buffer, received, held);
-    }
-    bool ProcessReceive(unsigned char*& buffer, int& length) override
-    {
-        return processReceive ? processReceive(buffer, length) : CTavroSocket::ProcessReceive(buffer, length);
-    }
-    int SendData(unsigned char* data, int length, int flags) override
-    {
-        return sendData ? sendData(data, length, flags) : CTavroSocket::SendData(data, length, flags);
-    }
-    bool OkayToSend() override { return okayToSend ? okayToSend() : CTavroSocket::OkayToSend(); }
-    void SetOkayToSend(bool allowed) override
-    {
-        setOkayToSend ? setOkayToSend(allowed) : CTavroSocket::SetOkayToSend(allowed);
+        const tavronet::LifetimeGuard guard(*this);
+        const auto tell = [this, &guard, hook](bool after) {
+            if (const auto told = guard.Alive() ? around : nullptr) // a copy: it may delete this socket
+                told(hook, after);
+            return guard.Alive();
+        };
+        if (!tell(false))
+            return Result();
+        if constexpr (std::is_void_v<Result>) {
+            call();
+            tell(true);
+        } else {
+            const Result result = call();
+            return tell(true) ? result : Result();
+        }
     }
 };
 
-/// What SendData or ReceiveData answers, one entry a call; the last one for ever.
+using Pair = tavronet::LoopbackPair<ScriptedSocket>;
+
+/// What SendData or ReceiveData answers.
 struct Answer
 {
     int result;
     int error = 0; // stored as last error when not 0
+
+    [[nodiscard]] int Give() const
+    {
+        if (error != 0)
+            WSASetLastError(error);
+        return result;
+    }
 };
