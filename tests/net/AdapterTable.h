@@ -1,21 +1,18 @@
-/// A table of adapters that the tests make up, in place of the machine's.
-#ifndef TAVRONET_TESTS_NET_ADAPTERTABLE_H
-#define TAVRONET_TESTS_NET_ADAPTERTABLE_H
+#pragma once
 
 #include <arpa/inet.h>
 
-#include <cstring>
+#include <utility>
 #include <vector>
 
 #include "tavronet/net/AddressText.h"
 #include "tavronet/platform/InterfaceTables.h"
 
-/// While it lives, adapter queries are answered from it: adapters added, or another outcome than success.
+/// A table of adapters that the tests make up. While it lives, adapter queries are answered from it.
 class AdapterTable
 {
 public:
-    explicit AdapterTable(tavronet::InterfaceQuery outcome = tavronet::InterfaceQuery::Done)
-        : m_Outcome(outcome)
+    AdapterTable()
     {
         s_pPresent = this;
         tavronet::SetInterfaceTableSource(Answer);
@@ -24,20 +21,19 @@ public:
     AdapterTable(const AdapterTable&) = delete;
     AdapterTable& operator=(const AdapterTable&) = delete;
 
-    void AddAdapter(int index, bool isUp) { m_Adapters.push_back({"made-up", index, isUp, {}}); }
-
-    /// To the adapter added last.
-    void AddAddress(const char* text, const char* mask = nullptr)
+    /// Addresses and their masks; one without text is something the system lists that cannot be printed.
+    void Add(int index, bool isUp, const std::vector<std::pair<const char*, const char*>>& addresses)
     {
-        tavronet::InterfaceAddress entry;
-        GetSockAddr(text, entry.address, entry.length, AF_UNSPEC);
-        if (mask != nullptr)
+        m_Adapters.push_back({"made-up", index, isUp, {}});
+        for (const auto& [text, mask] : addresses) {
+            tavronet::InterfaceAddress& entry = m_Adapters.back().addresses.emplace_back();
+            if (text != nullptr)
+                GetSockAddr(text, entry.address, entry.length, AF_UNSPEC);
             inet_pton(AF_INET, mask, &entry.mask);
-        m_Adapters.back().addresses.push_back(entry);
+        }
     }
 
-    /// Something the system lists that has no text.
-    void AddUnprintableAddress() { m_Adapters.back().addresses.emplace_back(); }
+    tavronet::InterfaceQuery outcome = tavronet::InterfaceQuery::Done;
 
 private:
     static tavronet::InterfaceQuery Answer(int family, std::vector<tavronet::InterfaceEntry>& adapters)
@@ -47,12 +43,9 @@ private:
             std::erase_if(adapter.addresses, [family](const auto& entry) {
                 return family != AF_UNSPEC && entry.length != 0 && entry.address.ss_family != family;
             });
-        return s_pPresent->m_Outcome;
+        return s_pPresent->outcome;
     }
 
     inline static AdapterTable* s_pPresent = nullptr;
-    tavronet::InterfaceQuery m_Outcome;
     std::vector<tavronet::InterfaceEntry> m_Adapters;
 };
-
-#endif
