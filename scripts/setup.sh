@@ -4,6 +4,8 @@ readonly project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly logs=$project/build/log
 mkdir -p "$logs"
 
+[ -w "${HOME:-/nonexistent}" ] || export CCACHE_DISABLE=1     # nowhere to keep a cache
+
 # The packages, by their names in Debian 12. Without the optional ones everything builds; what needs them is skipped.
 readonly needed_packages=(
     g++ cmake ninja-build pkg-config python3            # to build, and for some of the tests
