@@ -29,6 +29,9 @@ if(TAVRONET_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    add_compile_options(-Wno-restrict) # false alarms on "text" + std::string when optimising, mended in GCC 13
+endif()
 if(TAVRONET_WARNINGS_AS_ERRORS)
     add_compile_options(-Werror)
 endif()

@@ -4,6 +4,13 @@ set_property(GLOBAL PROPERTY TAVRONET_LAYERS "")
 set_property(GLOBAL PROPERTY TAVRONET_LIBRARIES "")
 set_property(GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS "")
 
+# Whether the optimised library is compiled as one unit. Its layers are small classes that call one another on the path of
+# every message; as separate units those calls go through the table of exported functions.
+set(TAVRONET_WHOLE_PROGRAM OFF)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_BUILD_TYPE MATCHES "^Rel" AND NOT TAVRONET_SANITIZE)
+    set(TAVRONET_WHOLE_PROGRAM ON)
+endif()
+
 # tavronet_layer(net DEPENDS platform
 #     SOURCES AddressText.cpp ...
 #     PUBLIC_HEADERS AddressText.h ...    installed as tavronet/net/AddressText.h; other headers stay internal
@@ -21,6 +28,9 @@ function(tavronet_layer name)
     target_include_directories(tavronet_${name} PUBLIC "${PROJECT_SOURCE_DIR}")
     target_compile_features(tavronet_${name} PUBLIC cxx_std_20)
     target_link_libraries(tavronet_${name} PUBLIC ${layer_DEPENDS} PRIVATE ${layer_LIBRARIES})
+    if(TAVRONET_WHOLE_PROGRAM) # fat objects: the tests link a layer as it is
+        target_compile_options(tavronet_${name} PRIVATE -flto -ffat-lto-objects -fno-semantic-interposition)
+    endif()
 
     set(headers "${layer_PUBLIC_HEADERS}")
     list(TRANSFORM headers PREPEND "tavronet/${name}/")
@@ -48,6 +58,10 @@ function(tavronet_shared_library)
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_compile_features(tavronet INTERFACE cxx_std_20) # asks nothing of C sources
     target_link_libraries(tavronet PRIVATE ${libraries})
+
+    if(TAVRONET_WHOLE_PROGRAM)
+        target_link_options(tavronet PRIVATE -flto=auto "LINKER:-Bsymbolic-functions")
+    endif()
 
     set(map "${PROJECT_SOURCE_DIR}/cmake/tavronet.map")
     target_link_options(tavronet PRIVATE "LINKER:--version-script=${map}")

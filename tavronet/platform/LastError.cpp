@@ -5,7 +5,8 @@
 namespace
 {
 
-thread_local int t_LastError = 0;
+// Set and read on the path of every message: found without a call, which four bytes of a library may be.
+[[gnu::tls_model("initial-exec")]] thread_local int t_LastError = 0;
 
 } // namespace
 
