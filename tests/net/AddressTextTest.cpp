@@ -20,6 +20,7 @@ TEST(AddressText, ParsesNumericTextOfTheFamilyOnly)
         {"10.1.2.3", AF_INET, "10.1.2.3"},
         {"10.1.2.3", AF_INET6, ""},
         {"::1", AF_INET, ""},
+        {"10.1.2.3", 23, ""}, // no family here
         {"2001:DB8::00A", AF_UNSPEC, "2001:db8::a"},
         {"", AF_UNSPEC, "0.0.0.0"},
         {nullptr, AF_INET6, "::"},

@@ -33,6 +33,13 @@ struct Pair
         peer = listener.Accept();
     }
 
+    sockaddr_storage Listen()
+    {
+        const sockaddr_storage address = BindToLoopback(socket->m_hSocket);
+        EXPECT_EQ(platform::listen(socket->m_hSocket, 5), 0);
+        return address;
+    }
+
     // Waits for a notification.
     void Hears(const char* name)
     {
@@ -117,16 +124,6 @@ TEST(AsyncSocketConnect, NamesAreLookedUpWithoutBlocking)
     unknown.Hears("CONNECT(11001)");
 }
 
-TEST(AsyncSocketSend, AWouldBlockIsFollowedByExactlyOneWrite)
-{
-    Pair pair;
-    const std::size_t total = Fill(*pair.socket);
-    EXPECT_EQ(pair.Quiet(), "") << "the peer has not read";
-    EXPECT_EQ(pair.peer.Reads(total).size(), total);
-    EXPECT_EQ(pair.Quiet(), "WRITE");
-    EXPECT_EQ(pair.socket->Send("x", 1), 1);
-}
-
 TEST(AsyncSocketRead, ARefusedReadComesAgainOnlyWhenAskedFor)
 {
     Pair pair;
@@ -138,8 +135,9 @@ TEST(AsyncSocketRead, ARefusedReadComesAgainOnlyWhenAskedFor)
     EXPECT_TRUE(pair.socket->AsyncSelect(FD_ALL));
     EXPECT_EQ(pair.Quiet(), "WRITE READ") << "after selecting anew";
     const std::size_t total = Fill(*pair.socket);
+    EXPECT_EQ(pair.Quiet(), "") << "the peer has not read";
     EXPECT_EQ(pair.peer.Reads(total).size(), total);
-    EXPECT_EQ(pair.Quiet(), "WRITE READ") << "after a write notification";
+    EXPECT_EQ(pair.Quiet(), "WRITE READ") << "the write notification that follows a would-block";
     EXPECT_EQ(pair.socket->ReceiveText(), "cdef");
     EXPECT_EQ(pair.Quiet(), "") << "drained";
     pair.socket->RequestRead();
@@ -156,7 +154,8 @@ TEST(AsyncSocketRead, ADrainedSocketAnswersFromMemoryAndHearsOfTheNextBytes)
         pair.Hears("READ");
         EXPECT_EQ(pair.Quiet(), "READ");
         EXPECT_TRUE(pair.socket->WaitingBytes(waiting) && waiting == 5) << waiting;
-        EXPECT_EQ(pair.socket->ReceiveText(5), "12345");
+        EXPECT_EQ(pair.socket->ReceiveText(2), "12");
+        EXPECT_EQ(pair.socket->ReceiveText(3), "345");
         EXPECT_TRUE(pair.socket->WaitingBytes(waiting) && waiting == 0) << waiting;
         EXPECT_EQ(pair.socket->Receive(&byte, 1, MSG_PEEK), -1);
         EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
@@ -242,12 +241,7 @@ protected:
         case FD_READ: pair.peer.Writes("x"); return;
         case FD_OOB: pair.peer.Writes("!", MSG_OOB); return;
         case FD_CLOSE: pair.peer.Closes(); return;
-        case FD_ACCEPT: {
-            const sockaddr_storage address = BindToLoopback(pair.socket->m_hSocket);
-            EXPECT_EQ(platform::listen(pair.socket->m_hSocket, 5), 0);
-            pair.peer = PlainSocket::ConnectedTo(address);
-            return;
-        }
+        case FD_ACCEPT: pair.peer = PlainSocket::ConnectedTo(pair.Listen()); return;
         default: pair.Connect();
         }
     }
@@ -291,6 +285,11 @@ TEST_P(AsyncSocketNotification, MayDestroyCloseReopenAndThrow)
         }
         if (deed == "reopen") {
             EXPECT_EQ(notes, std::string(kind.log) + " CONNECT WRITE") << "the new handle starts afresh";
+        }
+        if (deed == "throw" && kind.mask == FD_READ) {
+            EXPECT_EQ(pair.socket->ReceiveText(), "x");
+            pair.peer.Writes("y");
+            EXPECT_EQ(pair.Quiet(), "READ") << "goes on";
         }
         EXPECT_EQ(other.log, deed == "delete another" ? other.log : "READ") << "the others are served";
     }
@@ -391,7 +390,7 @@ TEST(AsyncSocketDatagram, AFloodKeepsNoWaitFromEnding)
         if (MsgWaitForMultipleObjectsEx(1, &never, 50, kWakeOnAnyInput, 0) == 1)
             DispatchPending();
     }
-    EXPECT_LT(elapsed(), std::chrono::milliseconds(400));
+    EXPECT_LT(elapsed(), std::chrono::milliseconds(1000));
     EXPECT_EQ(deepest, 8) << "datagrams beyond wait in the system";
     CloseHandle(never);
 }
@@ -399,8 +398,7 @@ TEST(AsyncSocketDatagram, AFloodKeepsNoWaitFromEnding)
 TEST(AsyncSocketAccept, AListenerDeliversNothingElseAndPassesItsSelectionOn)
 {
     Pair listener(false);
-    const sockaddr_storage address = BindToLoopback(listener.socket->m_hSocket);
-    ASSERT_EQ(platform::listen(listener.socket->m_hSocket, 5), 0);
+    const sockaddr_storage address = listener.Listen();
     RecordingSocket accepted[3], none;
     int count = 0;
     listener.socket->onNotification[FD_ACCEPT] = [&] {

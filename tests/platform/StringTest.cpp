@@ -5,8 +5,6 @@
 #include <climits>
 #include <utility>
 
-#include "tavronet/platform/Exceptions.h"
-
 TEST(String, TextOfEitherWidthAndPartsOfItselfAreAssigned)
 {
     EXPECT_EQ(CStringA(CStringW("gr\xC3\xBC\xC3\x9F")), "gr\xC3\xBC\xC3\x9F");
@@ -56,16 +54,4 @@ TEST(String, ChangersTouchOnlyAsciiAndOnlyWhatTheyName)
     EXPECT_EQ(text.Replace(L"", L"x"), 0);
     EXPECT_EQ(text, L"aa&&");
     EXPECT_EQ(text.Delete(3, 99), 3);
-}
-
-TEST(String, TextBeyondTheLimitThrowsTheMemoryException)
-{
-    CStringA text("kept");
-    try {
-        text = CStringA(std::string_view("x", INT_MAX)); // refused before a byte of it is read
-        FAIL() << "nothing thrown";
-    } catch (CMemoryException* exception) {
-        exception->Delete();
-    }
-    EXPECT_EQ(text, "kept");
 }

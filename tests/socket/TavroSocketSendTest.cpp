@@ -30,6 +30,10 @@ TEST(TavroSocketSend, NothingIsLostBeforeTheGateOpensNorWhenTheSystemTakesOnlyAP
     EXPECT_TRUE(pair.peer.Reads(first.size() + 4) == first + "tail");
     EXPECT_TRUE(pair.socket->GateIsOpen());
     EXPECT_EQ(pair.socket->Queued(), "");
+
+    pair.peer.Closes();
+    EXPECT_TRUE(tavronet::PumpUntil([&] { return !pair.socket->GetConnected(); }));
+    EXPECT_NE(pair.socket->GetSocket(), INVALID_SOCKET) << "the peer's close does not close this end";
 }
 
 TEST(TavroSocketSend, WhatSendDataAnswersDecidesWhatStaysQueued)

@@ -3,9 +3,7 @@
 #include <tuple>
 
 #include "ScriptedSocket.h"
-#include "tavronet/net/AddressRanges.h"
 #include "tavronet/net/AddressText.h"
-#include "tavronet/net/LocalInterfaces.h"
 
 namespace
 {
@@ -69,20 +67,6 @@ TEST(TavroSocketDatagrams, TravelByAddressTextInBothFamilies)
         EXPECT_NE(sender.Connect(address, receiverPort), 0) << "a datagram socket connects at once";
         EXPECT_TRUE(sender.GetConnected() && !sender.GetConnecting());
     }
-}
-
-TEST(TavroSocketAddresses, AreTheOwnOneOrThoseOfTheMachine)
-{
-    std::vector<CStringW> machine, addresses{L"left from before"};
-    GetLocalIPv4Addresses(machine, true);
-    std::erase_if(machine, [](const CStringW& address) { return IsLoopbackIP(address); });
-    CTavroSocket socket;
-    socket.GetIPAddresses(addresses, false);
-    EXPECT_EQ(addresses, machine) << "no handle counts as all";
-    ASSERT_EQ(socket.Create(0, SOCK_DGRAM, FD_ALL, L"127.0.0.2", AF_INET), 1);
-    EXPECT_EQ(socket.GetIPAddresses(addresses, true), 0) << "not private";
-    EXPECT_EQ(socket.GetIPAddresses(addresses, false), 1);
-    EXPECT_EQ(addresses.front(), L"127.0.0.2");
 }
 
 } // namespace
