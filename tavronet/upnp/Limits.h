@@ -18,6 +18,12 @@ inline constexpr int kMaxDescriptionNodes = 1024;
 /// Entries of a gateway's mapping table: the index travels as a 16-bit number.
 inline constexpr int kMaxPortMapEntries = 65536;
 
+/// Ports are 16-bit numbers; ranges given by a first port and a count end here at the latest.
+inline constexpr unsigned int kHighestPort = 65535;
+
+/// How often a range is tried when the gateway refuses a port of it.
+inline constexpr int kMaxRangeAttempts = 5;
+
 /// The longest wait for an answer.
 inline constexpr DWORD kWaitTimeoutMs = 10000;
 

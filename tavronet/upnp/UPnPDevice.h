@@ -136,6 +136,29 @@ public:
     /// Adds each record of the list until an exchange fails. @return false for an empty list.
     bool AddPortMaps(void* cancel, std::vector<CUPnPPortMap*>& list);
 
+    /// Maps `count` consecutive ports of the gateway, `first` and the following ones where they are free, to
+    /// the same ports of this machine.
+    ///
+    /// Looks at the gateway's table, one exchange a port, for a stretch without TCP mappings (whatever
+    /// `protocol` is), then adds it, one more exchange a port. When a port is refused, all records of the list
+    /// are deleted from the gateway and freed, and the search goes on above that port; after the fifth refusal
+    /// it ends.
+    /// @param pattern the descriptions. Its first conversion among %d %i %u %x %X %o %c, with flags, width and
+    ///        precision up to 64, becomes the position in the range, counted from 1; %% becomes a percent
+    ///        sign, everything else stays.
+    /// @param list gets a record per port, owned by the caller; the first new one tells where the range is.
+    ///        Records that are in it already are added, and on a refusal deleted and freed, with the new ones.
+    /// @param protocol null for TCP.
+    /// @return whether all of it is mapped. false: also for a range that would end above 65535 or has no port,
+    ///         when the wait was cancelled, when another exchange was under way, and when somebody took
+    ///         records out of the list meanwhile. After an add without answer the records stay in the list.
+    bool AddPortMaps(void* cancel, unsigned int first, unsigned int count, const char* pattern,
+                     std::vector<CUPnPPortMap*>& list, const char* protocol);
+
+    /// The same with the device's own list: one refusal also ends the device's earlier ranges.
+    bool AddPortMaps(void* cancel, unsigned int first, unsigned int count, const char* pattern,
+                     const char* protocol);
+
     /// Deletes the mapping of `port`; its record goes when the gateway accepted.
     /// @param protocol null for TCP.  @return whether the gateway answered, or cannot map ports at all.
     bool DeletePortMap(void* cancel, unsigned int port, const char* protocol);
@@ -199,6 +222,9 @@ public:
     std::size_t NumPortMaps() const { return m_PortMaps.size(); }
     CUPnPPortMap* GetPortMap(int index) const; ///< null out of range
 
+    /// The lowest and the highest external port of these records; 0 without any.
+    void GetStartEndPorts(unsigned int& start, unsigned int& end) const;
+
     /// The external ports added one at a time, each mapped to itself.
     std::map<unsigned int, unsigned int>& GetIndivPortMaps() { return m_IndivPortMaps; }
 
@@ -251,6 +277,9 @@ private:
 
     Exchange SendAdd(void* cancel, const CUPnPPortMap& record, bool& accepted);
     Exchange LookUp(void* cancel, const CUPnPPortMap& record, std::unique_ptr<CUPnPPortMap>& entry);
+    /// Moves `first` up to where `count` ports are free. @return false when none can be looked for; the caller
+    /// still has to check the end of the range, and that the gateway answers at all.
+    bool FindAvailableSequentialRange(void* cancel, unsigned int& first, unsigned int count);
     bool DisableBeforeDelete() const;
     bool DisableLowPorts(void* cancel, std::vector<CUPnPPortMap*>& list);
     void ForgetIndivPortMap(const CUPnPPortMap& record);

@@ -75,8 +75,10 @@ bool CUPnPObject::WaitEvent(HANDLE event, HANDLE cancel)
         const DWORD result = MsgWaitForMultipleObjectsEx(count, handles, remaining, kWakeOnAnyInput, 0);
         if (!guard.Alive()) // the host's wait hook has run
             return false;
-        if (result != WAIT_OBJECT_0 + count)
+        if (result != WAIT_OBJECT_0 + count) {
+            m_CancelledWaits += result == WAIT_OBJECT_0 + 1;
             return result == WAIT_OBJECT_0;
+        }
 
         // Measured from the start, so that no flow of messages prolongs the wait.
         const DWORD elapsed = ElapsedMs(GetTickCount(), start);

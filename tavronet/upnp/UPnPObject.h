@@ -85,6 +85,9 @@ public:
     /// The same with "urn:schemas-upnp-org:service:".
     bool IsService() const;
 
+    /// Counts the waits that a cancel handle has ended: an auto-reset one shows no trace of it afterwards.
+    UINT GetCancelledWaits() const { return m_CancelledWaits; }
+
     /// Dispatches what is due in the calling thread's queue, within bounds. Runs foreign code.
     static void DispatchMessages();
 
@@ -156,7 +159,8 @@ private:
     CUPnPObject* const m_pParent;            // not owned
     std::vector<CUPnPObject*> m_UPnPObjects; // owned, deleted by ReleaseUPnPObjects
     CString m_Type;
-    const DWORD m_WaitTimeout;          // milliseconds
+    const DWORD m_WaitTimeout; // milliseconds
+    UINT m_CancelledWaits = 0;
     CUPnPNetwork* const m_pUPnPNetwork; // not owned
     ReadAs m_ReadAs = ReadAs::Unknown;
 };
