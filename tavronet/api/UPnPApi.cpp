@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "tavronet/platform/Exceptions.h"
 #include "tavronet/platform/Lifetime.h"
@@ -214,6 +215,30 @@ bool AddPortMap(CUPnPDevice& device, HANDLE cancel, unsigned int port, const cha
     return answered && device.GetCmndRespCode() == kAccepted;
 }
 
+/// A list that owns its records, also when a handler's exception ends the operation.
+struct PortMapList
+{
+    ~PortMapList() { CUPnPDevice::ReleasePortMaps(records); }
+
+    std::vector<CUPnPPortMap*> records;
+};
+
+/// Tries every port, whatever becomes of the others; those above the highest that exists have failed already.
+bool DeletePortMaps(CUPnPDevice& device, HANDLE cancel, unsigned int first, unsigned int count,
+                    const char* protocol)
+{
+    const unsigned long long end = 0ULL + first + count; // the sum may pass 32 bits
+    const tavronet::LifetimeGuard guard(device);
+    bool all = count == 0 || end - 1 <= tavronet::kHighestPort;
+    for (unsigned int port = first; port < end && port <= tavronet::kHighestPort; ++port) {
+        if (!device.DeletePortMap(cancel, port, protocol))
+            all = false;
+        if (!guard.Alive())
+            return false;
+    }
+    return all;
+}
+
 } // namespace
 
 int UPnPSetDialect(int dialect)
@@ -309,6 +334,28 @@ int UPnPDeletePortMap(HANDLE cancel, const char* device, unsigned int port, cons
     const bool usable = true;
     return WithDevice(device, usable,
                       [&](CUPnPDevice& found) { return found.DeletePortMap(cancel, port, protocol); });
+}
+
+int UPnPAddPortMappingRange(HANDLE cancel, const char* device, unsigned int* port, unsigned int count,
+                            const char* description, const char* protocol)
+{
+    return WithDevice(device, port != nullptr, [&](CUPnPDevice& found) {
+        PortMapList list;
+        if (!found.AddPortMaps(cancel, *port, count, description, list.records, protocol))
+            return false;
+        if (!list.records.empty())
+            *port = list.records.front()->ExternalPort();
+        return true;
+    });
+}
+
+int UPnPDeletePortMappingRange(HANDLE cancel, const char* device, unsigned int port, unsigned int count,
+                               const char* protocol)
+{
+    const bool usable = true;
+    return WithDevice(device, usable, [&](CUPnPDevice& found) {
+        return DeletePortMaps(found, cancel, port, count, protocol);
+    });
 }
 
 int UPnPGetLastGatewayError(const char* device, int* httpStatus, int* upnpCode, char* text, int size)

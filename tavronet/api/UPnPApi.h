@@ -103,6 +103,26 @@ TAVRONET_API int UPnPAddPortMap(HANDLE cancel, const char* device, unsigned int 
 TAVRONET_API int UPnPDeletePortMap(HANDLE cancel, const char* device, unsigned int port,
                                    const char* protocol);
 
+/// Has the gateway forward `count` consecutive ports to the same ports of this machine, until they are deleted.
+/// Looks for free ports first, then adds them: two exchanges a port, each at most 10 s; after a refusal again
+/// further up, five times at most.
+/// @param port the lowest that is wanted; on success the first that was mapped. Null gives UPnPFailed.
+/// @param description of each mapping; the first %d in it becomes the position in the range, from 1, and %%
+/// a
+///        percent sign. Other integer conversions of printf work too; everything else is copied.
+/// @param protocol "TCP", "UDP", null for TCP. Only TCP mappings count as taken when free ports are looked for.
+/// @return UPnPSuccess when all of them are mapped, in both dialects. UPnPFailed otherwise: ports that were
+///         mapped before an answer failed to come stay mapped, refused ranges are removed.
+TAVRONET_API int UPnPAddPortMappingRange(HANDLE cancel, const char* device, unsigned int* port,
+                                         unsigned int count, const char* description, const char* protocol);
+
+/// Deletes the mappings of `count` consecutive ports; every one is tried, each for at most 10 s.
+/// @return UPnPSuccess when the gateway answered each time, whatever it said, or cannot map ports at all;
+///         UPnPFailed when an answer is missing, and for a range that goes beyond port 65535, of which the
+///         part up to there is deleted.
+TAVRONET_API int UPnPDeletePortMappingRange(HANDLE cancel, const char* device, unsigned int port,
+                                            unsigned int count, const char* protocol);
+
 /// What the gateway said to the last operation that it answered. No traffic.
 /// @param httpStatus 200 when it accepted, another when it refused, 0 when it has never answered.
 /// @param upnpCode the reason of the refusal (606 not authorised, 718 in use by another ...), 0 without one.
