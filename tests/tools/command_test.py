@@ -92,7 +92,8 @@ class Usage(Case):
 
     def test_help_and_version(self):
         whole = self.ran(DONE, "--help").out
-        for command in ("discover", "status", "list", "add", "delete", "watch", "doctor"):
+        for command in ("discover", "status", "list", "add", "add-range", "delete", "delete-range", "watch",
+                        "doctor"):
             self.assertIn(command, whole)
             self.assertIn("Usage: tavronet " + command, self.ran(DONE, command, "--help").out)
         self.assertRegex(self.ran(DONE, "--version").out, r"^tavronet \d+\.\d+\.\d+\n$")
@@ -205,6 +206,32 @@ class Mappings(Case):
                 failure = self.failed_json(FAILED, *arguments)
                 self.assertEqual((failure["http_status"], failure["upnp_code"]), (500, code))
                 self.assertIn(f"UPnP error {code} {failure['upnp_text']}", failure["error"])
+
+    def test_ranges(self):
+        self.simulated("--refuse", "7001:718", "--lowest-port", "1024", "--delay", "AddPortMapping:200")
+        self.assertEqual(self.ran(DONE, "add-range", "7000", "2", "--description", "Game %d").out,
+                         "".join(f"mapped TCP 700{2 + n} -> {LOCAL}:700{2 + n} (Game {1 + n})\n" for n in (0, 1)))
+        added = self.ran(DONE, "add-range", "7002", "2", "--protocol", "udp", "--json").json
+        self.assertEqual((added["first_port"], added["count"]), (7004, 2))
+        self.assertEqual([each["external_port"] for each in added["mappings"]], [7004, 7005])
+        self.assertEqual(self.failed_json(FAILED, "add-range", "80", "2")["upnp_code"], 606)
+        self.assertIn("no room", self.failed_json(FAILED, "add-range", "65535", "2")["error"])
+
+        failure = self.failed_json(FAILED, "delete-range", "7001", "2")
+        self.assertEqual((failure["upnp_code"], "1 of 2" in failure["error"]), (714, True))
+        self.assertEqual(self.ran(DONE, "delete-range", "7003", "1").out, "deleted TCP port 7003\n")
+        self.assertEqual(self.ran(DONE, "delete-range", "7004", "2", "--protocol", "udp", "--json").json["deleted"],
+                         [7004, 7005])
+        self.assertEqual(self.ran(DONE, "list", "--json").json, [])
+
+        controller, terminal = pty.openpty()
+        subprocess.run([COMMAND, "add-range", "8000", "3"], stdout=subprocess.DEVNULL, stderr=terminal, timeout=60,
+                       check=True)
+        os.close(terminal)
+        shown = os.read(controller, 65536).decode()
+        os.close(controller)
+        self.assertRegex(shown, r"Mapping \[#{8}\.{16}\] port 2 of 3, 1 s left")
+        self.assertTrue(shown.endswith("\r\033[K"), "the bar is wiped out at the end")
 
     def test_add_takes_no_longer_than_it_must(self):
         self.simulated()

@@ -14,7 +14,9 @@ int RunDiscover(const Options& options, const Output& output, HANDLE interrupt);
 int RunStatus(const Options& options, const Output& output, HANDLE interrupt);
 int RunList(const Options& options, const Output& output, HANDLE interrupt);
 int RunAdd(const Options& options, const Output& output, HANDLE interrupt);
+int RunAddRange(const Options& options, const Output& output, HANDLE interrupt);
 int RunDelete(const Options& options, const Output& output, HANDLE interrupt);
+int RunDeleteRange(const Options& options, const Output& output, HANDLE interrupt);
 int RunWatch(const Options& options, const Output& output, HANDLE interrupt);
 int RunDoctor(const Options& options, const Output& output, HANDLE interrupt);
 

@@ -23,6 +23,7 @@ const char* const kFooter =
     "Examples:\n"
     "  tavronet add 8080                        forward TCP port 8080 to this machine\n"
     "  tavronet add 5060 --protocol udp         forward UDP port 5060\n"
+    "  tavronet add-range 6000 10               forward ten TCP ports, from 6000 or above\n"
     "  tavronet list                            what the gateway forwards\n"
     "  tavronet doctor                          why is no gateway found?\n"
     "`tavronet --help` shows the options that every command has, `tavronet COMMAND --help` those of one.\n"
@@ -84,6 +85,23 @@ void DefineMapping(CLI::App& sub, Options& options)
         ->type_name("tcp|udp");
 }
 
+void DefineRange(CLI::App& sub, Options& options)
+{
+    DefineMapping(sub, options);
+    sub.add_option("count", options.count, "how many ports, from there on")
+        ->required()
+        ->check(InRange(1, 65535))
+        ->type_name("");
+}
+
+void DefineAddRange(CLI::App& sub, Options& options)
+{
+    DefineRange(sub, options);
+    sub.add_option("--description", options.description,
+                   "for the gateway's table, %d for the position in the range (tavronet)")
+        ->type_name("TEXT");
+}
+
 void DefineAdd(CLI::App& sub, Options& options)
 {
     DefineMapping(sub, options);
@@ -108,7 +126,13 @@ void DefineCommands(CLI::App& app, Options& options)
     DefineCommand(app, options, "status", "external address and state of a gateway", RunStatus);
     DefineCommand(app, options, "list", "the port mappings of a gateway", RunList);
     DefineAdd(*DefineCommand(app, options, "add", "map a port to this machine", RunAdd), options);
+    DefineAddRange(
+        *DefineCommand(app, options, "add-range", "map consecutive ports, where they are free", RunAddRange),
+        options);
     DefineMapping(*DefineCommand(app, options, "delete", "delete a mapping", RunDelete), options);
+    DefineRange(
+        *DefineCommand(app, options, "delete-range", "delete mappings of consecutive ports", RunDeleteRange),
+        options);
     CLI::App* const watch = DefineCommand(
         app, options, "watch", "show gateways and mappings come and go, until interrupted", RunWatch);
     watch->add_option("--for", options.watchSeconds, "end after this time")

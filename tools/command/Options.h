@@ -24,8 +24,9 @@ struct Options
     // discover
     bool all = false;
 
-    // add, delete
-    unsigned port = 0;
+    // add, delete and their ranges
+    unsigned port = 0;         // the first
+    unsigned count = 1;        // of a range
     unsigned internalPort = 0; // 0: the same
     std::string client;        // empty: this machine
     std::string protocol = "TCP";
