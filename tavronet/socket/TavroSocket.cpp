@@ -2,7 +2,9 @@
 //
 // The road of bytes to be sent, and what it costs:
 //
-//   Send -> behind the queued bytes        one copy; the queue's array doubles as it grows
+//   Send -> from the caller's memory       nothing queued and no SendData of a derived class: no copy, and
+//                                          only what the system does not take goes the way below
+//        -> behind the queued bytes        one copy; the queue's array doubles as it grows
 //        -> OkayToSend                     closed: that was all
 //        -> SendData(the whole queue)      the array itself is handed over, nothing is copied
 //        -> accepted in part               the rest stays where it is in the array, and is offered again
@@ -15,6 +17,7 @@
 #include "tavronet/socket/TavroSocket.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 
@@ -232,7 +235,11 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
     if (m_pSending != nullptr)
         return SendLater(data, length);
 
-    if (m_pFlushing != nullptr && m_pFlushing->Is(data, length) && !m_SendBuffer.Holds())
+    const bool queued = m_SendBuffer.Holds();
+    const bool direct = !queued && m_pFlushing == nullptr && length > 0 && !OverridesSendData();
+    if (direct)
+        m_SendBuffer.Reserve(length); // for what the system will not take: memory runs out now or not at all
+    else if (!queued && m_pFlushing != nullptr && m_pFlushing->Is(data, length))
         m_SendBuffer = std::move(m_pFlushing->queue);
     else
         m_SendBuffer.Append(data, length);
@@ -241,11 +248,53 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
     const bool open = OkayToSend();
     if (!sending.guard.Alive())
         return -1;
+    if (direct) {
+        const int taken = open ? SendDirectly(data, length, flags) : 0;
+        if (taken < length)
+            sending.chunk.Append(data + taken, length - taken);
+    }
     if (open && !SendChunks(sending, flags))
         return -1;
     if (!open)
         QueueUnsent(sending);
     return length;
+}
+
+/// Sends from the caller's memory. @return how many bytes the system took; what stopped it is told again to
+/// whoever sends the rest.
+int CTavroSocket::SendDirectly(const unsigned char* data, int length, int flags)
+{
+    const int taken = CAsyncSocket::Send(data, length, flags);
+    if (taken <= 0)
+        return 0;
+    m_Tick = GetTickCount();
+    return taken;
+}
+
+/// Whether a derived class has a SendData of its own, which is promised a private copy of the bytes.
+///
+/// Asked of the tables of virtual functions, whose layout the C++ ABI of this machine fixes: a pointer to a
+/// virtual member function holds one more than the function's place in the table.
+bool CTavroSocket::OverridesSendData() const
+{
+#ifdef __x86_64__
+    static const void* const base = SendDataEntry(CTavroSocket());
+    return SendDataEntry(*this) != base;
+#else
+    return true;
+#endif
+}
+
+const void* CTavroSocket::SendDataEntry(const CTavroSocket& socket)
+{
+    int (CTavroSocket::*const member)(unsigned char*, int, int) = &CTavroSocket::SendData;
+    std::ptrdiff_t place = 0;
+    std::memcpy(&place, &member, sizeof place);
+    const char* table = nullptr;
+    std::memcpy(&table, static_cast<const void*>(&socket), sizeof table);
+    const void* entry = nullptr;
+    std::memcpy(&entry, table + place - 1, sizeof entry);
+    return entry;
 }
 
 /// A Send inside a hook of the running one: goes behind it without asking the hooks again.

@@ -247,6 +247,9 @@ private:
     bool BindOrClose(const sockaddr* address, int addressLength);
 
     int SendLater(const unsigned char* data, int length);
+    int SendDirectly(const unsigned char* data, int length, int flags);
+    bool OverridesSendData() const;
+    static const void* SendDataEntry(const CTavroSocket& socket);
     bool SendChunks(Sending& sending, int flags);
     bool NextChunk(Sending& sending);
     void QueueUnsent(Sending& sending);

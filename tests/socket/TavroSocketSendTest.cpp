@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <vector>
 
@@ -10,9 +11,30 @@
 namespace
 {
 
-TEST(TavroSocketSend, NothingIsLostBeforeTheGateOpensNorWhenTheSystemTakesOnlyAPart)
+// A class without a SendData of its own: its bytes go to the system from the caller's memory.
+class UntouchedSocket : public CTavroSocket
 {
-    Pair pair;
+public:
+    using CTavroSocket::GetSendBuffer;
+    template <typename Text>
+    int Send(const Text& text)
+    {
+        return CTavroSocket::Send(text);
+    }
+    bool GateIsOpen() { return CTavroSocket::OkayToSend(); }
+    std::string Queued() const { return ScriptedSocket::Text(GetSendBuffer(), GetSendBufferSize()); }
+};
+
+template <typename Socket>
+class TavroSocketBytes : public testing::Test
+{
+};
+using SocketClasses = testing::Types<ScriptedSocket, UntouchedSocket>;
+TYPED_TEST_SUITE(TavroSocketBytes, SocketClasses);
+
+TYPED_TEST(TavroSocketBytes, AreNotLostBeforeTheGateOpensNorWhenTheSystemTakesOnlyAPart)
+{
+    tavronet::LoopbackPair<TypeParam> pair;
     EXPECT_EQ(pair.socket->Send("one "), 4);
     EXPECT_EQ(pair.socket->Send(CStringA("two\0hidden", 10)), 3);
     EXPECT_EQ(pair.peer.ReadsWaiting(), "");
@@ -34,6 +56,21 @@ TEST(TavroSocketSend, NothingIsLostBeforeTheGateOpensNorWhenTheSystemTakesOnlyAP
     pair.peer.Closes();
     EXPECT_TRUE(tavronet::PumpUntil([&] { return !pair.socket->GetConnected(); }));
     EXPECT_NE(pair.socket->GetSocket(), INVALID_SOCKET) << "the peer's close does not close this end";
+}
+
+TEST(TavroSocketSend, ASendDataThatRewritesItsBytesLeavesTheCallersAlone)
+{
+    Pair pair;
+    ASSERT_TRUE(pair.PumpUntilConnected());
+    pair.socket->SendDataScript = [&](unsigned char* data, int length, int) {
+        EXPECT_EQ(data[length], 0);
+        std::fill_n(data, length, static_cast<unsigned char>('x'));
+        return pair.socket->BaseSendData(data, length);
+    };
+    const std::string text = "secret";
+    EXPECT_EQ(pair.socket->Send(text.c_str()), 6);
+    EXPECT_EQ(text, "secret");
+    EXPECT_EQ(pair.peer.Reads(6), "xxxxxx");
 }
 
 TEST(TavroSocketSend, WhatSendDataAnswersDecidesWhatStaysQueued)
