@@ -209,27 +209,19 @@ class Mappings(Case):
 
     def test_ranges(self):
         self.simulated("--refuse", "7001:718", "--lowest-port", "1024", "--delay", "AddPortMapping:200")
-        self.assertEqual(self.ran(DONE, "add-range", "7000", "2", "--description", "Game %d").out,
-                         "".join(f"mapped TCP 700{2 + n} -> {LOCAL}:700{2 + n} (Game {1 + n})\n" for n in (0, 1)))
-        added = self.ran(DONE, "add-range", "7002", "2", "--protocol", "udp", "--json").json
-        self.assertEqual((added["first_port"], added["count"]), (7004, 2))
-        self.assertEqual([each["external_port"] for each in added["mappings"]], [7004, 7005])
+        added = self.ran(DONE, "add-range", "7000", "2", "--description", "Game %d", "--json").json
+        self.assertEqual([added["first_port"], *(each["description"] for each in added["mappings"])],
+                         [7002, "Game 1", "Game 2"])
         self.assertEqual(self.failed_json(FAILED, "add-range", "80", "2")["upnp_code"], 606)
         self.assertIn("no room", self.failed_json(FAILED, "add-range", "65535", "2")["error"])
-
-        failure = self.failed_json(FAILED, "delete-range", "7001", "2")
-        self.assertEqual((failure["upnp_code"], "1 of 2" in failure["error"]), (714, True))
+        self.assertIn("1 of 2 ports were", self.failed_json(FAILED, "delete-range", "7001", "2")["error"])
         self.assertEqual(self.ran(DONE, "delete-range", "7003", "1").out, "deleted TCP port 7003\n")
-        self.assertEqual(self.ran(DONE, "delete-range", "7004", "2", "--protocol", "udp", "--json").json["deleted"],
-                         [7004, 7005])
-        self.assertEqual(self.ran(DONE, "list", "--json").json, [])
 
         controller, terminal = pty.openpty()
-        subprocess.run([COMMAND, "add-range", "8000", "3"], stdout=subprocess.DEVNULL, stderr=terminal, timeout=60,
-                       check=True)
-        os.close(terminal)
+        added = subprocess.run([COMMAND, "add-range", "8000", "3"], stdout=subprocess.PIPE, stderr=terminal, timeout=60,
+                               check=True).stdout.decode()
+        self.assertIn(f"mapped TCP 8002 -> {LOCAL}:8002 (tavronet)\n", added)
         shown = os.read(controller, 65536).decode()
-        os.close(controller)
         self.assertRegex(shown, r"Mapping \[#{8}\.{16}\] port 2 of 3, 1 s left")
         self.assertTrue(shown.endswith("\r\033[K"), "the bar is wiped out at the end")
 
