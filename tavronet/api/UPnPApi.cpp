@@ -35,6 +35,8 @@ int ReportingExceptions(Work work)
     } catch (CException* exception) {
         exception->Delete();
         return UPnPException;
+    } catch (const std::bad_alloc&) { // the caller may be C, which nothing can pass
+        return UPnPException;
     }
 }
 
@@ -83,11 +85,7 @@ int StartUp()
 {
     if (g_pUPnPNetwork != nullptr)
         return UPnPNetworkExists;
-    try {
-        g_pUPnPNetwork = new (std::nothrow) CUPnPNetwork(nullptr, nullptr, g_Dialect);
-    } catch (const std::bad_alloc&) { // inside the constructor, where no host code runs
-        return UPnPException;
-    }
+    g_pUPnPNetwork = new (std::nothrow) CUPnPNetwork(nullptr, nullptr, g_Dialect);
     return g_pUPnPNetwork != nullptr ? UPnPSuccess : UPnPOutOfMemory;
 }
 
