@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tavronet/api/UPnPApi.h"
 #include "tavronet/platform/TestSeams.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPNetwork.h"
@@ -58,6 +59,8 @@ protected:
     void TearDown() override
     {
         network.reset();
+        UPnPClose();
+        UPnPSetDialect(UPnPDialectClassic);
         EXPECT_EQ(tavronet::CountLivingObjects(), (tavronet::LivingObjects{0, 0}));
     }
 
@@ -79,6 +82,19 @@ protected:
             return device != nullptr && device->DiscoverComplete();
         };
         return tavronet::PumpUntil(described) ? network->FindDevice(localAddress.c_str()) : nullptr;
+    }
+
+    /// Starts the flat interface in the modern dialect, beside the network as a second program would, and
+    /// waits until the gateways reached from these addresses are described.
+    static void StartFlat(const std::vector<const char*>& localAddresses)
+    {
+        ASSERT_EQ(UPnPSetDialect(UPnPDialectModern), UPnPSuccess);
+        ASSERT_EQ(UPnPDiscoverStartup(), UPnPSuccess);
+        for (const char* const local : localAddresses)
+            ASSERT_TRUE(tavronet::PumpUntil([local] {
+                bool complete = false;
+                return UPnPDeviceIsDescriptionComplete(nullptr, local, &complete) == UPnPSuccess && complete;
+            }));
     }
 
     std::vector<std::unique_ptr<tavronet::GatewayProcess>> gateways;

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include "LanNetwork.h"
-#include "tavronet/api/UPnPApi.h"
 #include "tests/support/RealGateway.h"
 
 namespace
@@ -12,20 +11,7 @@ namespace
 constexpr char kLocal[] = "10.77.1.2";
 
 class AgainstRealGateway : public LanNetwork, public testing::WithParamInterface<int> // version of the device
-{
-protected:
-    void SetUp() override
-    {
-        LanNetwork::SetUp();
-        if (IsSkipped())
-            return;
-        daemon = std::make_unique<tavronet::RealGateway>(GetParam());
-        if (!daemon->Available())
-            GTEST_SKIP() << "no real gateway daemon here (Debian: miniupnpd-nftables)";
-    }
-
-    std::unique_ptr<tavronet::RealGateway> daemon;
-};
+{};
 
 /// What the gateway said to a refused add.
 int UPnPCodeOfAdd(unsigned port)
@@ -40,23 +26,20 @@ int UPnPCodeOfAdd(unsigned port)
 
 TEST_P(AgainstRealGateway, ClassesAndFlatFunctionsServeIt)
 {
+    const tavronet::RealGateway daemon(GetParam());
+    if (!daemon.Available())
+        GTEST_SKIP() << "no real gateway daemon here (Debian: miniupnpd-nftables)";
     Search(UPnPDialectModern);
     CUPnPDevice* const device = AwaitDevice(kLocal);
     ASSERT_NE(device, nullptr);
-    EXPECT_EQ(Utf8(device->GetDescURL()), daemon->Url());
+    EXPECT_EQ(Utf8(device->GetDescURL()), daemon.Url());
     const std::string version = std::to_string(GetParam());
     EXPECT_TRUE(Utf8(device->FindConnectionService()->GetType()).ends_with("WANIPConnection:" + version));
     CUPnPPortMap ofAnother(6000, "TCP", "10.77.1.99", "taken");
     ASSERT_TRUE(device->AddPortMap(nullptr, &ofAnother));
     EXPECT_TRUE(ofAnother.GetAdded());
 
-    // Beside it, as a second program would.
-    ASSERT_EQ(UPnPSetDialect(1), UPnPSuccess);
-    ASSERT_EQ(UPnPDiscoverStartup(), UPnPSuccess);
-    ASSERT_TRUE(tavronet::PumpUntil([] {
-        bool complete = false;
-        return UPnPDeviceIsDescriptionComplete(nullptr, kLocal, &complete) == UPnPSuccess && complete;
-    }));
+    ASSERT_NO_FATAL_FAILURE(StartFlat({kLocal}));
     char address[32];
     EXPECT_EQ(UPnPGetExternalIPAddress(nullptr, kLocal, address, sizeof address), UPnPSuccess);
     EXPECT_STREQ(address, "44.128.0.7");
@@ -76,8 +59,6 @@ TEST_P(AgainstRealGateway, ClassesAndFlatFunctionsServeIt)
     EXPECT_EQ(UPnPDeletePortMap(nullptr, kLocal, 6000, nullptr), UPnPSuccess);
     ASSERT_TRUE(device->GetPortMaps(nullptr, emptied.list));
     EXPECT_TRUE(emptied.list.empty());
-    EXPECT_EQ(UPnPClose(), UPnPSuccess);
-    EXPECT_EQ(UPnPSetDialect(0), UPnPSuccess);
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, AgainstRealGateway, testing::Values(1, 2),
