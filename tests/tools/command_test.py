@@ -10,20 +10,16 @@ import os
 import pathlib
 import pty
 import select
-import shutil
 import signal
-import statistics
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
 COMMAND = os.environ["TAVRONET"]
 SIMULATED = os.environ["TAVRONET_GATEWAY"]
-REAL = str(pathlib.Path(__file__).resolve().parents[2] / "scripts" / "real-gateway")
 
-LOCAL, GATEWAY = "10.77.1.2", "10.77.1.1"
+LOCAL = "10.77.1.2"
 DONE, WRONG_ARGUMENTS, INTERRUPTED, NO_GATEWAY, FAILED = 0, 2, 6, 7, 8
 MAPPING_FIELDS = {"protocol", "external_port", "internal_client", "internal_port", "description", "enabled",
                   "lease_seconds", "remote_host"}
@@ -66,7 +62,7 @@ class Ran:
 
 
 class Case(unittest.TestCase):
-    def simulated(self, *options, address=GATEWAY):
+    def simulated(self, *options, address="10.77.1.1"):
         gateway = Gateway(SIMULATED, "--address", address, *options)
         self.addCleanup(gateway.stop)
         self.assertTrue(gateway.urls, "the simulated gateway does not start")
@@ -100,11 +96,10 @@ class Usage(Case):
 
     def test_wrong_arguments(self):
         for wrong, said in (
-                ([], "subcommand"), (["lst"], "lst"), (["add"], "port"), (["add", "0"], "port"),
-                (["add", "65536"], "port"),
+                ([], "subcommand"), (["lst"], "lst"), (["add"], "port"), (["add", "65536"], "port"),
                 (["add", "80", "--protocol", "icmp"], "protocol"), (["list", "--interface", "eth0"], "address"),
                 (["list", "--url", "https://192.168.1.1/"], "url"), (["list", "--url", "http://192.168.1.1:0/"], "url"),
-                (["list", "--timeout", "0"], "timeout"), (["discover", "80"], "80")):
+                (["list", "--timeout", "0"], "timeout")):
             with self.subTest(wrong=wrong):
                 ran = self.ran(WRONG_ARGUMENTS, *wrong)
                 self.assertIn(said, (ran.out + ran.err).lower())
@@ -118,19 +113,19 @@ class Queries(Case):
         found = self.ran(DONE, "discover", "--json").json
         self.assertEqual([set(each) for each in found], [GATEWAY_FIELDS])
         self.assertEqual(found[0]["name"], "Box \033[31m & Co")
-        self.assertEqual(found[0]["local_address"], LOCAL)
-        self.assertTrue(found[0]["service"].endswith("WANIPConnection:1"))
 
         everything = self.ran(DONE, "discover", "--all", "--timeout", "1.5", "--json")
         self.assertEqual(everything.json, found)
         self.assertGreaterEqual(everything.ms, 1500)
 
-    def test_status(self):
-        self.simulated("--external-ip", "203.0.113.9", "--nat", "0")
-        self.assertIn("203.0.113.9", self.ran(DONE, "status").out)
+    def test_status_and_doctor(self):
+        self.simulated("--external-ip", "100.64.7.7", "--nat", "0")
         status = self.ran(DONE, "status", "--json").json
         self.assertEqual(set(status), GATEWAY_FIELDS | {"external_address", "nat_enabled"})
-        self.assertEqual((status["external_address"], status["nat_enabled"]), ("203.0.113.9", False))
+        self.assertEqual((status["external_address"], status["nat_enabled"]), ("100.64.7.7", False))
+        states = {check["check"]: check["state"] for check in self.ran(DONE, "doctor", "--json").json["checks"]}
+        self.assertEqual((states["gateway"], states["multicast"]), ("ok", "ok"))
+        self.assertRegex(self.ran(DONE, "doctor").out, r"warning +its address outside, 100\.64\.7\.7")
 
     def test_url_instead_of_search(self):
         with tempfile.NamedTemporaryFile() as log:
@@ -141,43 +136,11 @@ class Queries(Case):
         self.assertNotIn("search", events)
         self.assertIn(f"NewInternalClient={LOCAL}", events)
 
-    def test_doctor(self):
-        self.simulated("--external-ip", "100.64.7.7")
-        ran = self.ran(DONE, "doctor", "--json").json
-        self.assertEqual(ran["result"], DONE)
-        states = {check["check"]: check["state"] for check in ran["checks"]}
-        self.assertEqual(states["gateway"], "ok")
-        self.assertEqual(states["multicast"], "ok")
-        self.assertEqual(states["external_address"], "warning", "an address that a provider shares")
-        self.assertRegex(self.ran(DONE, "doctor").out, r"warning +its address outside, 100\.64\.7\.7")
-
-    def test_forms_of_descriptions(self):
-        for words in ("one-line,version2,prefixed,entities", "dsl-forum,ppp", "version2,cdata"):
-            with self.subTest(words=words):
-                gateway = self.simulated("--description", words, "--transfer", "chunked",
-                                         "--soap-style", "one-line,prefixed")
-                self.assertEqual(self.ran(DONE, "discover", "--json").json[0]["name"], "Simulated gateway")
-                self.ran(DONE, "add", "8080")
-                self.assertEqual(len(self.ran(DONE, "list", "--json").json), 1)
-                gateway.stop()
-
-    def test_progress_on_a_terminal_only(self):
-        self.simulated("--delay", "description:400")
-        self.assertNotIn("\r", self.ran(DONE, "status").err)
-        controller, terminal = pty.openpty()
-        subprocess.run([COMMAND, "status"], stdout=subprocess.DEVNULL, stderr=terminal, timeout=60, check=True)
-        os.close(terminal)
-        shown = os.read(controller, 65536).decode()
-        os.close(controller)
-        self.assertIn("Looking for a gateway ... 0.", shown)
-        self.assertTrue(shown.endswith("\r\033[K"), "the line is wiped out at the end")
-
 
 class Mappings(Case):
     def test_add_list_delete(self):
         self.simulated()
         self.assertEqual(self.ran(DONE, "list").out, "no mappings\n")
-        self.assertEqual(self.ran(DONE, "list", "--json").json, [])
         self.assertEqual(self.ran(DONE, "add", "8080").out, f"mapped TCP 8080 -> {LOCAL}:8080 (tavronet)\n")
         text = 'game <1> & "2"'
         added = self.ran(DONE, "add", "5060", "--protocol", "udp", "--description", text, "--internal-port", "5061",
@@ -187,12 +150,9 @@ class Mappings(Case):
 
         listed = self.ran(DONE, "list", "--json").json
         self.assertEqual([set(each) for each in listed], [MAPPING_FIELDS] * 2)
-        self.assertEqual([(each["protocol"], each["external_port"], each["description"]) for each in listed],
-                         [("TCP", 8080, "tavronet"), ("UDP", 5060, text)])
-        lines = self.ran(DONE, "list").out.splitlines()
-        self.assertEqual(len(lines), 3)
-        self.assertRegex(lines[2], rf"^UDP +5060 +{LOCAL}:5061 +\d+ s +on +game <1>")
-
+        self.assertEqual([each["description"] for each in listed], ["tavronet", text])
+        self.assertRegex(self.ran(DONE, "list").out.splitlines()[2],
+                         rf"^UDP +5060 +{LOCAL}:5061 +\d+ s +on +game <1>")
         self.assertEqual(self.ran(DONE, "delete", "8080").out, "deleted TCP port 8080\n")
         self.ran(DONE, "delete", "5060", "--protocol", "UDP")
         self.assertEqual(self.ran(DONE, "list", "--json").json, [])
@@ -225,13 +185,6 @@ class Mappings(Case):
         self.assertRegex(shown, r"Mapping \[#{8}\.{16}\] port 2 of 3, 1 s left")
         self.assertTrue(shown.endswith("\r\033[K"), "the bar is wiped out at the end")
 
-    def test_add_takes_no_longer_than_it_must(self):
-        self.simulated()
-        times = sorted(self.ran(DONE, "add", str(8000 + n)).ms for n in range(9))
-        print(f"tavronet add: median {statistics.median(times):.0f} ms, {times[0]:.0f} to {times[-1]:.0f} ms",
-              file=sys.stderr)
-        self.assertLess(statistics.median(times), 1000)
-
 
 class Failures(Case):
     def test_nobody_answers(self):
@@ -247,27 +200,11 @@ class Failures(Case):
         self.assertEqual(done.returncode, NO_GATEWAY)
         self.assertIn("no interface with a private address", done.stderr)
 
-    def test_another_interface(self):
-        self.simulated()
-        failure = self.failed_json(NO_GATEWAY, "status", "--interface", "10.77.9.9", "--timeout", "0.5")
-        self.assertIn(LOCAL, failure["error"])
-
-    def test_no_description(self):
-        gateway = self.simulated("--garbage", "description")
-        self.assertIn(gateway.url, self.failed_json(NO_GATEWAY, "status", "--timeout", "0.5")["error"])
-        nowhere = self.failed_json(NO_GATEWAY, "status", "--url", gateway.url.replace("root", "no"), "--timeout", "0.5")
-        self.assertIn("description", nowhere["error"])
-
     def test_classic_dialect_loses_services_on_one_line(self):
         self.simulated("--description", "one-line")
         self.ran(DONE, "status")
         failure = self.failed_json(NO_GATEWAY, "status", "--classic", "--timeout", "0.5")
         self.assertIn("without --classic", failure["try"])
-
-    def test_classic_dialect_on_its_own_form(self):
-        self.simulated()
-        self.ran(DONE, "add", "8080", "--classic")
-        self.assertEqual(len(self.ran(DONE, "list", "--classic", "--json").json), 1)
 
     def test_broken_answer(self):
         self.simulated("--close-early", "soap:20")
@@ -314,12 +251,6 @@ class Watch(Case):
         watching.send_signal(signal.SIGTERM)
         self.assertEqual(watching.wait(timeout=5), DONE)
 
-    def test_ends_by_itself(self):
-        self.simulated()
-        ran = self.ran(DONE, "watch", "--for", "0.5")
-        self.assertRegex(ran.out, r"^\d\d:\d\d:\d\d  found: Simulated gateway")
-        self.assertGreaterEqual(ran.ms, 500)
-
 
 class TwoGateways(Case):
     def test_interface_chooses(self):
@@ -341,62 +272,5 @@ class TwoGateways(Case):
         self.assertEqual(added["internal_client"], "fd77:1::2")
 
 
-class RealGateway:
-    """Against a daemon that people use."""
-
-    version = 0
-
-    def setUp(self):
-        if shutil.which("miniupnpd", path=os.environ["PATH"] + ":/usr/sbin:/sbin") is None:
-            self.skipTest("no real gateway daemon here (Debian: miniupnpd-nftables)")
-        self.gateway = Gateway(REAL, "--any-client", "--igd", str(self.version))
-        self.addCleanup(self.gateway.stop)
-        self.assertTrue(self.gateway.urls, "the daemon does not serve its description")
-
-    def test_the_whole_road(self):
-        found = self.ran(DONE, "discover", "--json").json
-        self.assertEqual({each["name"] for each in found}, {"Real gateway"})  # perhaps by IPv6 as well
-        self.assertTrue(found[0]["service"].endswith(f"WANIPConnection:{self.version}"), found[0]["service"])
-        status = self.ran(DONE, "status", "--json").json
-        self.assertEqual((status["external_address"], status["nat_enabled"]), ("44.128.0.7", True))
-        checks = self.ran(DONE, "doctor", "--json").json["checks"]
-        self.assertEqual({check["state"] for check in checks}, {"ok"})
-
-        self.ran(DONE, "add", "8080", "--description", "tcp & <tags>")
-        self.ran(DONE, "add", "8080", "--protocol", "udp", "--internal-port", "9090")
-        self.ran(DONE, "add", "6000", "--client", "10.77.1.99")
-        listed = self.ran(DONE, "list", "--json").json
-        self.assertEqual({(each["protocol"], each["external_port"], each["internal_client"], each["internal_port"],
-                           each["description"]) for each in listed},
-                         {("TCP", 8080, LOCAL, 8080, "tcp & <tags>"), ("UDP", 8080, LOCAL, 9090, "tavronet"),
-                          ("TCP", 6000, "10.77.1.99", 6000, "tavronet")})
-
-        for arguments, code in ((["add", "80"], 606), (["add", "6000"], 718)):
-            failure = self.failed_json(FAILED, *arguments)
-            self.assertEqual((failure["http_status"], failure["upnp_code"]), (500, code))
-
-        self.ran(DONE, "delete", "8080")
-        self.ran(DONE, "delete", "8080", "--protocol", "udp")
-        self.ran(DONE, "delete", "6000")
-        self.assertEqual(self.ran(DONE, "list", "--json").json, [])
-
-
-class RealGateway1(RealGateway, Case):
-    version = 1
-
-
-class RealGateway2(RealGateway, Case):
-    version = 2
-
-
-def main():
-    ran = unittest.main(exit=False).result
-    if not ran.wasSuccessful():
-        return 1
-    for _, why in ran.skipped:
-        print("SKIPPED: " + why)
-    return 77 if ran.testsRun == len(ran.skipped) else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    unittest.main()
