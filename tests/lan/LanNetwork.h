@@ -22,28 +22,24 @@ inline std::string Utf8(const CString& text)
     return CStringA(text).GetString();
 }
 
-/// A gateway's table, owned.
-class PortMapList
+/// "TCP 8080 10.77.1.2:8080 game".
+inline std::string Line(const CUPnPPortMap& map)
 {
-public:
-    PortMapList() = default;
-    ~PortMapList() { CUPnPDevice::ReleasePortMaps(list); }
-    PortMapList(const PortMapList&) = delete;
-    PortMapList& operator=(const PortMapList&) = delete;
+    return Utf8(map.GetProtocol()) + " " + Utf8(map.GetExternalPort()) + " " + Utf8(map.GetInternalClient()) +
+           ":" + Utf8(map.GetInternalPort()) + " " + Utf8(map.GetPortMappingDescription());
+}
 
-    /// "TCP 8080 10.77.1.2:8080 game" per entry.
-    [[nodiscard]] std::vector<std::string> Lines() const
-    {
-        std::vector<std::string> lines;
-        for (const CUPnPPortMap* const map : list)
-            lines.push_back(Utf8(map->GetProtocol()) + " " + Utf8(map->GetExternalPort()) + " " +
-                            Utf8(map->GetInternalClient()) + ":" + Utf8(map->GetInternalPort()) + " " +
-                            Utf8(map->GetPortMappingDescription()));
-        return lines;
-    }
-
+/// The lines of a gateway's table, which must be readable.
+inline std::vector<std::string> Table(CUPnPDevice& device)
+{
     std::vector<CUPnPPortMap*> list;
-};
+    EXPECT_TRUE(device.GetPortMaps(nullptr, list));
+    std::vector<std::string> lines;
+    for (const CUPnPPortMap* const map : list)
+        lines.push_back(Line(*map));
+    CUPnPDevice::ReleasePortMaps(list);
+    return lines;
+}
 
 /// A test on the private LAN that uses the class interface and notes the events.
 class LanNetwork : public testing::Test

@@ -68,19 +68,16 @@ TEST_P(RequestRoad, FromTheSearchToTheDeletion)
     EXPECT_EQ(device->GetCmndRespCode(), 200);
     ASSERT_TRUE(device->AddPortMap(nullptr, 8080, "game", "UDP"));
     const std::string target = std::string(" 8080 ") + kind.local + ":8080 game";
-    PortMapList table, emptied;
-    ASSERT_TRUE(device->GetPortMaps(nullptr, table.list));
-    EXPECT_EQ(table.Lines(), (Texts{"TCP" + target, "UDP" + target}));
-    PortMapList entry;
-    entry.list.push_back(device->GetPortSpecificPortMap(nullptr, *table.list[1]));
-    ASSERT_NE(entry.list[0], nullptr);
-    EXPECT_EQ(entry.Lines(), (Texts{"UDP" + target}));
+    EXPECT_EQ(Table(*device), (Texts{"TCP" + target, "UDP" + target}));
+    const CUPnPPortMap asked(8080, "UDP", kind.local, "game");
+    const std::unique_ptr<CUPnPPortMap> entry(device->GetPortSpecificPortMap(nullptr, asked));
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(Line(*entry), "UDP" + target);
 
     EXPECT_TRUE(device->DeletePortMap(nullptr, 8080, nullptr));
     EXPECT_TRUE(device->DeletePortMap(nullptr, 8080, "UDP"));
     EXPECT_EQ(device->GetCmndRespCode(), 200);
-    ASSERT_TRUE(device->GetPortMaps(nullptr, emptied.list));
-    EXPECT_EQ(emptied.Lines(), Texts());
+    EXPECT_EQ(Table(*device), Texts());
 }
 
 INSTANTIATE_TEST_SUITE_P(Gateways, RequestRoad, testing::ValuesIn(kKinds),
