@@ -1,5 +1,7 @@
 #include "tavronet/upnp/ClassicDialect.h"
 
+#include <algorithm>
+
 #include "tavronet/upnp/DescriptionBuilder.h"
 #include "tavronet/upnp/ProtocolText.h"
 
@@ -187,31 +189,39 @@ std::string ClassicGatewayDialect::DescriptionRequest(const CString& host, UINT,
     return std::string(Narrow(request).View());
 }
 
-std::size_t ClassicGatewayDialect::FindBody(std::string_view message, std::size_t from) const
+bool ClassicGatewayDialect::ReadHeader(std::string_view message, ResponseFrame& frame) const
 {
     constexpr std::string_view kBlankLine = "\r\n\r\n";
-    const std::size_t found = message.find(kBlankLine, from);
-    return found == std::string_view::npos ? found : found + kBlankLine.size();
-}
-
-int ClassicGatewayDialect::AnnouncedLength(std::string_view header) const
-{
+    const std::size_t found = message.find(kBlankLine, frame.searched);
+    if (found == std::string_view::npos) {
+        frame.searched = message.size() - std::min(message.size(), kBlankLine.size() - 1);
+        return false;
+    }
+    frame.bodyStart = found + kBlankLine.size();
+    const std::string_view header = message.substr(0, frame.bodyStart);
     std::string_view value;
     const bool skipKey = true;
     if (!FindHeader(header, "\r\ncontent-length:", skipKey, value))
         FindHeader(header, "\r\ncontent length:", skipKey, value);
-    return value.empty() ? -1 : ReadInt32(value);
+    frame.announced = value.empty() ? -1 : ReadInt32(value);
+    return true;
 }
 
-bool ClassicGatewayDialect::Complete(std::string_view message, std::size_t bodyStart, int announced) const
+bool ClassicGatewayDialect::Complete(std::string_view message, ResponseFrame& frame) const
 {
-    return announced >= 0 && message.size() - bodyStart == static_cast<std::size_t>(announced);
+    return frame.announced >= 0 &&
+           message.size() - frame.bodyStart == static_cast<std::size_t>(frame.announced);
 }
 
-std::string_view ClassicGatewayDialect::DecodeBody(std::string_view message, std::size_t bodyStart, int,
+bool ClassicGatewayDialect::CutShort(std::string_view, ResponseFrame&) const
+{
+    return false; // the close ends every response
+}
+
+std::string_view ClassicGatewayDialect::DecodeBody(std::string_view message, const ResponseFrame& frame,
                                                    std::string&) const
 {
-    return message.substr(bodyStart);
+    return message.substr(frame.bodyStart);
 }
 
 std::size_t ClassicGatewayDialect::FindStatus(std::string_view response) const

@@ -332,43 +332,56 @@ std::string ModernGatewayDialect::DescriptionRequest(const CString& host, UINT p
     return std::string(Narrow(request).View());
 }
 
-std::size_t ModernGatewayDialect::FindBody(std::string_view message, std::size_t from) const
+bool ModernGatewayDialect::ReadHeader(std::string_view message, ResponseFrame& frame) const
 {
-    const std::size_t start = InterimBytes(message);
-    if (StatusOf(message.substr(start)) / 100 == 1) // an interim response that is still arriving
-        return std::string_view::npos;
-    return FindHeaderEnd(message, std::max(start, from));
-}
+    std::string_view header;
+    do {
+        frame.headerStart += header.size(); // an interim response
+        const std::size_t end = FindHeaderEnd(message, std::max(frame.headerStart, frame.searched));
+        if (end == std::string_view::npos) {
+            frame.searched = message.size() - std::min<std::size_t>(message.size(), 2); // may be line ends
+            return false;
+        }
+        header = message.substr(frame.headerStart, end - frame.headerStart);
+    } while (StatusOf(header) / 100 == 1);
 
-int ModernGatewayDialect::AnnouncedLength(std::string_view header) const
-{
-    header.remove_prefix(InterimBytes(header));
+    frame.bodyStart = frame.headerStart + header.size();
+    frame.chunked = IsChunked(header);
     std::string_view value;
     const bool found =
         FindHeaderValue(header, "content-length", value) || FindHeaderValue(header, "content length", value);
     const bool isNumber = found && !value.empty() && value.front() >= '0' && value.front() <= '9';
-    return isNumber && !IsChunked(header) ? ReadInt32(value) : -1;
+    frame.announced = isNumber && !frame.chunked ? ReadInt32(value) : -1;
+    return true;
 }
 
-bool ModernGatewayDialect::Complete(std::string_view message, std::size_t bodyStart, int announced) const
+bool ModernGatewayDialect::Complete(std::string_view message, ResponseFrame& frame) const
 {
-    const std::string_view header = message.substr(0, bodyStart);
-    const std::string_view body = message.substr(bodyStart);
-    if (announced >= 0)
-        return body.size() >= static_cast<std::size_t>(announced);
-    return IsChunked(header) && JoinChunks(body, nullptr);
+    const std::string_view body = message.substr(frame.bodyStart);
+    if (frame.announced >= 0)
+        return body.size() >= static_cast<std::size_t>(frame.announced);
+    return frame.chunked && JoinChunks(body, frame.chunks, nullptr);
 }
 
-std::string_view ModernGatewayDialect::DecodeBody(std::string_view message, std::size_t bodyStart, int,
+bool ModernGatewayDialect::CutShort(std::string_view message, ResponseFrame& frame) const
+{
+    if (frame.bodyStart == ResponseFrame::kNone)
+        return true;
+    const bool endsAnywhere =
+        frame.announced < 0 && !(frame.chunked && BeginsWithChunk(message.substr(frame.bodyStart)));
+    return !endsAnywhere && !Complete(message, frame);
+}
+
+std::string_view ModernGatewayDialect::DecodeBody(std::string_view message, const ResponseFrame& frame,
                                                   std::string& storage) const
 {
-    const std::string_view body = message.substr(bodyStart);
-    if (!IsChunked(message.substr(0, bodyStart)))
+    const std::string_view body = message.substr(frame.bodyStart);
+    if (!frame.chunked || !BeginsWithChunk(body)) // devices announce chunks and send none
         return body; // also what goes beyond the announced length: devices count characters for bytes
 
-    const bool complete = JoinChunks(body, &storage);
-    const bool notChunkedAtAll = !complete && storage.empty();
-    return notChunkedAtAll ? body : std::string_view(storage);
+    ChunkScan fromStart;
+    JoinChunks(body, fromStart, &storage);
+    return storage;
 }
 
 std::size_t ModernGatewayDialect::FindStatus(std::string_view response) const

@@ -14,10 +14,10 @@ public:
     std::vector<std::string> SearchRequests(const char* group, UINT port) const override;
     bool WantsAnnouncement(const CString& urn) const override;
     std::string DescriptionRequest(const CString& host, UINT port, const CString& path) const override;
-    std::size_t FindBody(std::string_view message, std::size_t from) const override;
-    int AnnouncedLength(std::string_view header) const override;
-    bool Complete(std::string_view message, std::size_t bodyStart, int announced) const override;
-    std::string_view DecodeBody(std::string_view message, std::size_t bodyStart, int announced,
+    bool ReadHeader(std::string_view message, ResponseFrame& frame) const override;
+    bool Complete(std::string_view message, ResponseFrame& frame) const override;
+    bool CutShort(std::string_view message, ResponseFrame& frame) const override;
+    std::string_view DecodeBody(std::string_view message, const ResponseFrame& frame,
                                 std::string& storage) const override;
     std::size_t FindStatus(std::string_view response) const override;
     void ReadDescription(CUPnPDevice& device, std::string_view document) const override;

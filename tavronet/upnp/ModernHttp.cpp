@@ -24,6 +24,12 @@ bool TakeLine(std::string_view& rest, std::string_view& line)
     return true;
 }
 
+bool ReadChunkSize(std::string_view line, std::size_t& size)
+{
+    line = Trimmed(line);
+    return std::from_chars(line.data(), line.data() + line.size(), size, 16).ec == std::errc();
+}
+
 } // namespace
 
 std::size_t FindHeaderEnd(std::string_view message, std::size_t from)
@@ -76,23 +82,34 @@ bool IsChunked(std::string_view header)
            LowerCased(coding).find("chunked") != std::string::npos;
 }
 
-bool JoinChunks(std::string_view body, std::string* joined)
+bool BeginsWithChunk(std::string_view body)
 {
-    std::string_view line;
-    while (TakeLine(body, line)) {
-        std::size_t size = 0;
-        const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), size, 16);
-        if (error != std::errc())
-            return false;
-        if (size == 0)
-            return true;
+    std::size_t size = 0;
+    return body.empty() || ReadChunkSize(body.substr(0, body.find('\n')), size);
+}
 
-        const std::string_view chunk = body.substr(0, size);
-        if (joined != nullptr)
-            *joined += chunk;
-        body.remove_prefix(chunk.size());
-        if (body.empty() || !TakeLine(body, line)) // the line break behind the chunk
+bool JoinChunks(std::string_view body, ChunkScan& scan, std::string* joined)
+{
+    while (scan.next < body.size()) {
+        const std::size_t end = body.find('\n', std::max(scan.next, scan.searched));
+        if (end == kNotFound) {
+            scan.searched = body.size();
             return false;
+        }
+        const std::string_view line = body.substr(scan.next, end - scan.next);
+        scan.next = end + 1;
+        scan.behindData = !scan.behindData;
+        if (!scan.behindData)
+            continue; // the line break behind the data
+
+        std::size_t size = 0;
+        const bool isChunk = ReadChunkSize(line, size);
+        if (isChunk && size == 0)
+            return true;
+        if (joined != nullptr && isChunk)
+            *joined += body.substr(scan.next, size);
+        const bool canArrive = isChunk && size < kNotFound - scan.next;
+        scan.next = canArrive ? scan.next + size : kNotFound;
     }
     return false;
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "tavronet/upnp/UPnPDialect.h"
+
 /// Responses as devices frame them: line ends with or without CR, interim responses in front, chunks.
 namespace tavronet
 {
@@ -23,9 +25,13 @@ int StatusOf(std::string_view header);
 
 bool IsChunked(std::string_view header);
 
-/// Joins the chunks of a body as far as they have arrived. What is no chunk ends the body.
-/// @param joined null to look only.  @return whether the last chunk is there.
-bool JoinChunks(std::string_view body, std::string* joined);
+/// Whether a body that is announced in chunks can be one as far as it has arrived.
+bool BeginsWithChunk(std::string_view body);
+
+/// Goes on from chunk to chunk as far as they have arrived. Behind what is no chunk there is none.
+/// @param scan fresh for a new body.  @param joined gets the data of the chunks passed; null to look only.
+/// @return whether the last chunk is there.
+bool JoinChunks(std::string_view body, ChunkScan& scan, std::string* joined);
 
 } // namespace tavronet
 

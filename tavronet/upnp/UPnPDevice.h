@@ -91,7 +91,8 @@ public:
     unsigned int GetDescPort();
     CString GetDescPath();
 
-    /// Starts to fetch the description; an earlier request is dropped. The result comes as events.
+    /// Starts to fetch the description; an earlier request is dropped. The result comes as events. An answer
+    /// that is cut short is asked for once more, where the dialect notices.
     void RequestDescription();
 
     /// Reads one device's part of a description that has a tag a line, and raises its events.
@@ -326,6 +327,7 @@ private:
     bool m_InCommand = false;
     bool m_CommandFailed = false;
     DWORD m_DescRequestTick = 0;
+    bool m_DescRepeated = false; // once, after an answer that was cut short
     int m_Release = 0;
     int m_AppRetry = 0;
     bool m_IssuedRediscover = false;

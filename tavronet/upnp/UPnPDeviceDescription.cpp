@@ -66,8 +66,13 @@ void CUPnPDevice::ReleaseUPnPDeviceSocket(CUPnPDeviceSocket* socket)
     const auto found = std::ranges::find(m_DeviceSockets, socket);
     if (found == m_DeviceSockets.end())
         return;
+    const bool again = socket->GetCutShort() && !m_DescRepeated;
     m_DeviceSockets.erase(found);
     delete socket;
+    if (again) {
+        m_DescRepeated = true;
+        RequestDescription();
+    }
 }
 
 void CUPnPDevice::ReleaseUPnPDeviceSockets()

@@ -16,6 +16,14 @@ class CUPnPService;
 namespace tavronet
 {
 
+/// Where in a body that arrives in chunks the next one is looked for.
+struct ChunkScan
+{
+    std::size_t next = 0;     ///< offset of the line with its size, which may not have arrived
+    std::size_t searched = 0; ///< that line does not end before this
+    bool behindData = false;  ///< the line at `next` only ends the data of a chunk
+};
+
 /// Where a URL points.
 struct URLParts
 {
@@ -45,6 +53,20 @@ struct ActionAnswer
     CString errorDescription;
 };
 
+/// How far a response that is still arriving has been read, so that no byte of it is read again with each
+/// that arrives. One per response, filled by the dialect; offsets are those of the whole message.
+struct ResponseFrame
+{
+    static constexpr std::size_t kNone = std::string_view::npos;
+
+    std::size_t headerStart = 0;   ///< behind responses that only announce it
+    std::size_t searched = 0;      ///< the end of the header does not begin before this
+    std::size_t bodyStart = kNone; ///< behind the blank line, once that is there
+    int announced = -1;            ///< the body's length from the header; -1 when it gives none
+    bool chunked = false;          ///< whether the header says that the body comes in chunks
+    ChunkScan chunks;
+};
+
 /// How to speak with gateways: the one place that knows which texts they write and understand.
 ///
 /// Two implementations without state: the classic one reads line by line, in the forms that gateways of the
@@ -67,24 +89,20 @@ public:
     /// The whole request for an action.
     std::string ActionRequest(const ActionText& action) const;
 
-    /// Finds the body of a response that is still arriving.
-    /// @param from bytes known to hold no end of the header, less three: what an earlier call returned
-    /// nothing for.
-    /// @return behind the blank line that ends the header, npos as long as that is not there.
-    virtual std::size_t FindBody(std::string_view message, std::size_t from) const = 0;
+    /// Looks for the end of a response's header, and reads there how the body is framed.
+    /// @param message all that has arrived.  @return whether the header has.
+    virtual bool ReadHeader(std::string_view message, ResponseFrame& frame) const = 0;
 
-    /// The body's length from the header, -1 when it gives none. `header` ends in the blank line.
-    virtual int AnnouncedLength(std::string_view header) const = 0;
+    /// Whether all of a response has arrived whose header has been read.
+    virtual bool Complete(std::string_view message, ResponseFrame& frame) const = 0;
 
-    /// Whether all of a response has arrived.
-    /// @param message header and body so far.  @param bodyStart from FindBody.
-    /// @param announced from AnnouncedLength.
-    virtual bool Complete(std::string_view message, std::size_t bodyStart, int announced) const = 0;
+    /// Whether a response lacks so much when its connection closes that it counts as none.
+    virtual bool CutShort(std::string_view message, ResponseFrame& frame) const = 0;
 
-    /// The body to hand over: of a complete response, or of one whose connection was closed.
+    /// The body to hand over: of a complete response, or of one that the close ended and did not cut short.
     /// @param storage holds the body when it had to be changed; a zero byte stands behind the body as it does
     ///        behind `message`.
-    virtual std::string_view DecodeBody(std::string_view message, std::size_t bodyStart, int announced,
+    virtual std::string_view DecodeBody(std::string_view message, const ResponseFrame& frame,
                                         std::string& storage) const = 0;
 
     /// Where the blank in front of the status number stands in a response; npos when there is none.

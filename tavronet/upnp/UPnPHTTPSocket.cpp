@@ -88,6 +88,7 @@ CUPnPHTTPSocket::CUPnPHTTPSocket(const char* localAddress, UINT localPort, const
                                  CUPnPObject* object)
     : CUPnPSocket(localAddress, localPort, SOCK_STREAM, FD_ALL, true, FamilyToReach(host)),
       m_pUPnPObject(object),
+      m_pFrame(std::make_unique<tavronet::ResponseFrame>()),
       m_CreatedTick(GetTickCount())
 {
     const bool hasTarget = host != nullptr && *host != '\0' && hostPort != 0;
@@ -147,21 +148,14 @@ bool CUPnPHTTPSocket::HeaderArrived(std::string_view message)
     if (m_bHeaderParsed)
         return true;
 
-    const tavronet::UPnPDialect& dialect = tavronet::DialectOf(*m_pUPnPObject);
-    m_BodyStart = dialect.FindBody(message, m_Searched);
-    if (m_BodyStart == std::string_view::npos) {
-        m_Searched = message.size() < 3 ? 0 : message.size() - 3;
-        return false;
-    }
-    m_ContentLength = dialect.AnnouncedLength(message.substr(0, m_BodyStart));
-    m_bHeaderParsed = true;
-    return true;
+    m_bHeaderParsed = tavronet::DialectOf(*m_pUPnPObject).ReadHeader(message, *m_pFrame);
+    return m_bHeaderParsed;
 }
 
 bool CUPnPHTTPSocket::Acceptable(std::string_view message) const
 {
     return message.size() <= tavronet::kMaxHttpResponseBytes &&
-           m_ContentLength <= static_cast<int>(tavronet::kMaxHttpResponseBytes);
+           m_pFrame->announced <= static_cast<int>(tavronet::kMaxHttpResponseBytes);
 }
 
 bool CUPnPHTTPSocket::ProcessReceive(unsigned char*& data, int& length)
@@ -178,8 +172,7 @@ bool CUPnPHTTPSocket::ProcessReceive(unsigned char*& data, int& length)
         ReleaseSocket();
         return false;
     }
-    if (!headerArrived ||
-        !tavronet::DialectOf(*m_pUPnPObject).Complete(message, m_BodyStart, m_ContentLength))
+    if (!headerArrived || !tavronet::DialectOf(*m_pUPnPObject).Complete(message, *m_pFrame))
         return false;
 
     Deliver(message); // may delete this socket; `data` is the caller's during a read
@@ -191,22 +184,23 @@ void CUPnPHTTPSocket::Deliver(std::string_view message)
 {
     m_bHTMLProcessed = true;
     std::string storage;
-    const std::string_view body =
-        tavronet::DialectOf(*m_pUPnPObject).DecodeBody(message, m_BodyStart, m_ContentLength, storage);
+    const std::string_view body = tavronet::DialectOf(*m_pUPnPObject).DecodeBody(message, *m_pFrame, storage);
     m_pUPnPObject->ProcessHTML(this, message.data(), static_cast<int>(message.size()), body.data(),
                                static_cast<int>(body.size()));
 }
 
 void CUPnPHTTPSocket::DeliverHeldResponse()
 {
-    if (m_bHTMLProcessed || GetReceiveBufferSize() == 0)
+    if (m_bHTMLProcessed)
         return;
 
     // Moved out of the socket: the reader keeps its place in the text even when the host deletes the socket.
     const tavronet::ByteBuffer held = TakeReceiveBuffer();
     const std::string_view message(reinterpret_cast<const char*>(held.Data()),
                                    static_cast<std::size_t>(held.Size()));
-    if (HeaderArrived(message))
+    const bool headerArrived = HeaderArrived(message);
+    m_CutShort = tavronet::DialectOf(*m_pUPnPObject).CutShort(message, *m_pFrame);
+    if (headerArrived && !m_CutShort)
         Deliver(message);
 }
 

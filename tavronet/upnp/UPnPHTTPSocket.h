@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -10,6 +11,11 @@
 
 class CUPnPDevice;
 class CUPnPObject;
+
+namespace tavronet
+{
+struct ResponseFrame;
+}
 
 /// One HTTP request and its one response, on a connection of its own: connects at once, collects the
 /// response, hands it to its object when it is complete, and on close asks its owner for release.
@@ -34,6 +40,9 @@ public:
 
     /// Whether the response has been handed over (once at most).
     bool GetHTMLProcessed() const { return m_bHTMLProcessed; }
+
+    /// Whether the connection was closed before the response was all there, which then counts as none.
+    bool GetCutShort() const { return m_CutShort; }
 
     /// Whether the connection has lived longer than any exchange may take; upkeep then releases it.
     bool Overdue() const;
@@ -67,9 +76,8 @@ private:
     CUPnPObject* m_pUPnPObject; // not owned
     bool m_bHeaderParsed = false;
     bool m_bHTMLProcessed = false;
-    int m_ContentLength = -1;    // -1: none announced
-    std::size_t m_Searched = 0;  // the end of the header does not begin before this offset
-    std::size_t m_BodyStart = 0; // once the header has been parsed
+    bool m_CutShort = false;
+    std::unique_ptr<tavronet::ResponseFrame> m_pFrame; // never null
     DWORD m_CreatedTick;
 };
 
