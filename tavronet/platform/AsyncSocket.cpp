@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "tavronet/platform/AsyncSocketDelivery.h"
 #include "tavronet/platform/LastError.h"
@@ -123,7 +124,7 @@ BOOL CAsyncSocket::Attach(SOCKET handle, LONG events)
 
     const int descriptor = static_cast<int>(handle);
     UINT state = 0;
-    if (handle == INVALID_SOCKET || !Examine(descriptor, state))
+    if (handle > INT_MAX || !Examine(descriptor, state))
         return Fail(WSAENOTSOCK);
 
     const int flags = fcntl(descriptor, F_GETFL);
@@ -226,6 +227,8 @@ BOOL CAsyncSocket::AsyncSelect(LONG events)
         m_State &= ~UINT{State::ConnectOwed};
     m_State &= ~UINT{State::Drained}; // somebody may have read past this class
     m_State |= State::ReadArmed | State::AcceptArmed;
+    if (m_State & State::Listening)
+        m_State |= State::Input; // an Accept that failed for want of descriptors has given up on it
     if (m_State & State::Input)
         m_State |= State::Unsure;
     if (m_State & (State::Connected | State::Datagram))
@@ -259,6 +262,8 @@ BOOL CAsyncSocket::Connect(const wchar_t* host, UINT port)
 
     if (m_State & (State::Connecting | State::LookingUp))
         return Fail(WSAEALREADY);
+    if ((m_State & State::Connected) && !(m_State & State::Datagram))
+        return Fail(WSAEISCONN);
     if (!tavronet::NameLookup::Start(*this, text, port))
         return Fail(WSAENOBUFS);
     m_State |= State::LookingUp;
@@ -305,11 +310,12 @@ BOOL CAsyncSocket::ConnectTo(const sockaddr_storage& address, int addressLength)
 int CAsyncSocket::FailedTransfer(int systemError)
 {
     int error = tavronet::LastErrorFromErrno(systemError);
-    const bool broken = error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAETIMEDOUT;
+    if (error == WSAECONNABORTED && m_Error != 0)
+        error = m_Error; // the system only knows that the pipe is broken
+    const bool broken = error == WSAECONNRESET || error == WSAETIMEDOUT; // and the system tells it this once
     if (broken && !(m_State & State::Datagram)) {
         if (m_Error == 0)
             m_Error = error;
-        error = m_Error; // the system may only know that the pipe is broken
         m_State = (m_State | State::HungUp | State::Unsure) & ~UINT{State::Drained};
         AsyncSocketDelivery::Queue(*this);
     }
@@ -368,6 +374,8 @@ void CAsyncSocket::NoteReceived(int result, int length, int flags)
     }
     if (result == 0)
         m_State |= State::HungUp;
+    if (result > 0 && (m_State & State::Urgent))
+        drained = false; // a receive stops in front of urgent data
     if (!drained)
         m_State |= State::Input | State::Unsure;
     else
@@ -385,6 +393,10 @@ bool CAsyncSocket::WaitingBytes(UINT& count)
     int waiting = 0;
     if (m_hSocket == INVALID_SOCKET || ioctl(static_cast<int>(m_hSocket), FIONREAD, &waiting) != 0) {
         WSASetLastError(m_hSocket == INVALID_SOCKET ? WSAENOTSOCK : tavronet::LastErrorFromErrno(errno));
+        return false;
+    }
+    if (waiting == 0 && (m_State & State::Urgent)) {
+        WSASetLastError(WSAEOPNOTSUPP); // in front of urgent data the system does not tell
         return false;
     }
     count = static_cast<UINT>(waiting);

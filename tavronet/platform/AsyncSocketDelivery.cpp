@@ -59,6 +59,7 @@ void AsyncSocketDelivery::NoteReadiness(CAsyncSocket& socket, std::uint32_t what
         state |= State::Writable;
     if (what & Readiness::Input) {
         state = (state | State::Input) & ~UINT{State::Drained};
+        socket.m_Announced = 0; // more has come since
         if (what & Readiness::HungUp)
             state |= State::Unsure; // perhaps only the end of the stream
     }
@@ -158,7 +159,8 @@ LONG AsyncSocketDelivery::Due(CAsyncSocket& socket)
 bool AsyncSocketDelivery::InputWaits(CAsyncSocket& socket)
 {
     bool waits = false;
-    if (socket.m_State & (State::Datagram | State::Listening)) {
+    // In front of urgent data the system announces nothing, although bytes may wait behind it.
+    if (socket.m_State & (State::Datagram | State::Listening | State::Urgent)) {
         pollfd poll{DescriptorOf(socket), POLLIN, 0};
         waits = ::poll(&poll, 1, 0) == 1;
     } else {
@@ -247,8 +249,7 @@ void AsyncSocketDelivery::DeliverOne(CAsyncSocket& socket, LONG kind)
         return socket.OnConnect(state & State::Connected ? 0 : socket.m_Error);
     case FD_WRITE:
         state &= ~UINT{State::WriteOwed};
-        if (!(state & State::CloseDone))
-            state |= State::ReadArmed; // an owner that reads only while it may write looks again now
+        state |= State::ReadArmed; // an owner that reads only while it may write looks again now
         if (state & State::Input)
             state |= State::Unsure;
         return socket.OnSend(0);

@@ -1,9 +1,10 @@
 // The road of a notification:
 //
-//   kernel -> SocketWatch::Collect -> Block turns readiness into bits of the socket and an id in m_Due
-//   host loop or wait -> Serve takes the id out, finds the socket, and has it deliver what is still due
+//   kernel -> SocketWatch::Collect -> Block turns readiness into bits of the socket and puts its slot into the
+//   list of what is due
+//   host loop or wait -> Round takes the slot out, and has the socket in it deliver what is still due
 //
-// Nothing but ids waits here, and a round holds no pointer across a delivery.
+// Nothing but ids and slots waits here, and a round holds no pointer across a delivery.
 
 #include "tavronet/platform/MessageQueueObject.h"
 
@@ -22,7 +23,6 @@ namespace
 {
 
 constexpr std::uint64_t kWakerId = 0; // socket ids begin above
-constexpr std::uint32_t kNoSlot = UINT32_MAX;
 constexpr int kHookPeriodMs = 10;
 constexpr int kMaxRounds = 64;
 
@@ -36,11 +36,27 @@ std::uint32_t GenerationOf(std::uint64_t id)
     return static_cast<std::uint32_t>(id >> 32);
 }
 
+// Generations have 31 bits and are never 0, which keeps ids apart from the waker's.
+std::uint32_t NextGeneration(std::uint32_t generation)
+{
+    const std::uint32_t next = (generation + 1) & 0x7FFFFFFF;
+    return next != 0 ? next : 1;
+}
+
 } // namespace
 
-MessageQueue::MessageQueue() : m_Waker(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_FreeSlot(kNoSlot)
+MessageQueue::MessageQueue()
 {
-    m_Watch.AddLevel(m_Waker, kWakerId);
+    OpenIfNeeded();
+}
+
+void MessageQueue::OpenIfNeeded()
+{
+    if (m_Waker >= 0 || !m_Watch.Open())
+        return;
+    m_Waker = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_Waker >= 0)
+        m_Watch.AddLevel(m_Waker, kWakerId);
 }
 
 MessageQueue::~MessageQueue()
@@ -91,18 +107,19 @@ void MessageQueue::ClearWaker()
 std::uint64_t MessageQueue::Register(CAsyncSocket& socket, int descriptor)
 {
     if (m_FreeSlot == kNoSlot) {
-        m_Slots.push_back({nullptr, 0, kNoSlot});
+        m_Slots.emplace_back();
         m_FreeSlot = static_cast<std::uint32_t>(m_Slots.size() - 1);
     }
     const std::uint32_t index = m_FreeSlot;
     Slot& slot = m_Slots[index];
-    const std::uint32_t generation = slot.generation + 1 != 0 ? slot.generation + 1 : 1;
+    const std::uint32_t generation = NextGeneration(slot.generation);
     const std::uint64_t id = (std::uint64_t{generation} << 32) | index;
     if (!m_Watch.Add(descriptor, id))
         return 0;
 
-    m_FreeSlot = slot.nextFree;
-    slot = {&socket, generation, kNoSlot};
+    m_FreeSlot = slot.next;
+    slot.socket = &socket;
+    slot.generation = generation & 0x7FFFFFFF;
     return id;
 }
 
@@ -110,10 +127,16 @@ void MessageQueue::Unregister(std::uint64_t id, int stayingOpen)
 {
     if (stayingOpen >= 0)
         m_Watch.Remove(stayingOpen);
-    Slot& slot = m_Slots[SlotOf(id)];
-    slot.socket = nullptr;
-    slot.nextFree = m_FreeSlot;
-    m_FreeSlot = SlotOf(id);
+    const std::uint32_t index = SlotOf(id);
+    m_Slots[index].socket = nullptr;
+    if (!m_Slots[index].due) // otherwise freed when its turn comes
+        Free(index);
+}
+
+void MessageQueue::Free(std::uint32_t index)
+{
+    m_Slots[index].next = m_FreeSlot;
+    m_FreeSlot = index;
 }
 
 CAsyncSocket* MessageQueue::Find(std::uint64_t id) const
@@ -126,7 +149,14 @@ CAsyncSocket* MessageQueue::Find(std::uint64_t id) const
 
 void MessageQueue::PushDue(std::uint64_t id)
 {
-    m_Due.push_back(id);
+    const std::uint32_t index = SlotOf(id);
+    m_Slots[index].due = 1;
+    m_Slots[index].next = kNoSlot;
+    if (m_FirstDue == kNoSlot)
+        m_FirstDue = index;
+    else
+        m_Slots[m_LastDue].next = index;
+    m_LastDue = index;
     ++m_DuePushed;
     if (m_Shared && m_Dispatching == 0)
         Wake();
@@ -144,11 +174,13 @@ void MessageQueue::Block(int timeoutMs)
         else if (CAsyncSocket* const socket = Find(ready.id))
             AsyncSocketDelivery::NoteReadiness(*socket, ready.what);
     }
+    if (m_Shared && m_Dispatching == 0 && HasDue())
+        Wake(); // a wait has taken the system's report; the foreign loop has not
 }
 
 // --- Serving
 
-// Counts the Serve calls on the stack; the outermost one leaves a shared descriptor readable while anything
+// Counts the Round calls on the stack; the outermost one leaves a shared descriptor readable while anything
 // is due.
 class MessageQueue::DispatchScope
 {
@@ -166,9 +198,10 @@ private:
     MessageQueue& m_Queue;
 };
 
-bool MessageQueue::Serve()
+bool MessageQueue::Round(int timeoutMs)
 {
     const DispatchScope scope(*this);
+    Block(timeoutMs);
     const std::uint64_t lastDue = m_DuePushed; // what the posted calls make due is for the next round
     const bool posts = ServePosts();
     return ServeSockets(lastDue) || posts;
@@ -199,13 +232,22 @@ bool MessageQueue::ServeSockets(std::uint64_t last)
     bool delivered = false;
     while (m_DueTaken < last) // a nested round may have taken some
     {
-        const std::uint64_t id = m_Due.front();
-        m_Due.pop_front();
-        ++m_DueTaken;
-        if (CAsyncSocket* const socket = Find(id))
+        if (CAsyncSocket* const socket = m_Slots[TakeDue()].socket)
             delivered |= AsyncSocketDelivery::Deliver(*socket);
     }
     return delivered;
+}
+
+std::uint32_t MessageQueue::TakeDue()
+{
+    const std::uint32_t index = m_FirstDue;
+    Slot& slot = m_Slots[index];
+    m_FirstDue = slot.next;
+    slot.due = 0;
+    ++m_DueTaken;
+    if (slot.socket == nullptr)
+        Free(index);
+    return index;
 }
 
 int MessageQueue::RunHook(int timeoutMs)
@@ -239,6 +281,7 @@ using tavronet::MessageQueue;
 ThreadQueue CurrentThreadQueue()
 {
     thread_local const ThreadQueue queue = std::make_shared<MessageQueue>();
+    queue->OpenIfNeeded();
     return queue;
 }
 
@@ -254,9 +297,7 @@ int QueueDescriptor()
 
 bool DispatchRound()
 {
-    const ThreadQueue queue = CurrentThreadQueue();
-    queue->Block(0);
-    return queue->Serve();
+    return CurrentThreadQueue()->Round(0);
 }
 
 void DispatchPending()
@@ -278,10 +319,8 @@ int RunMessageLoop()
         ~Nesting() { queue.m_pInnermostLoop = outer; }
     } const nesting{*queue, std::exchange(queue->m_pInnermostLoop, &loop)};
 
-    while (!loop.quit) {
-        queue->Block(-1);
-        queue->Serve();
-    }
+    while (!loop.quit)
+        queue->Round(-1);
     return loop.code;
 }
 

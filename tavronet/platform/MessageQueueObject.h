@@ -19,6 +19,7 @@ namespace tavronet
 ///
 /// Sockets are known here by ids that are never used twice; an id is looked up again before every delivery,
 /// so an entry can never reach a socket that was destroyed, closed, or made at the same address.
+/// What is due is a list through the slots of the sockets, so that making something due cannot fail.
 /// Thread: all members on the owner's thread, except Post and Wake.
 class MessageQueue
 {
@@ -43,15 +44,18 @@ public:
     /// Has the socket served by a later round; called once until it has been.
     void PushDue(std::uint64_t id);
 
-    bool HasDue() const { return !m_Due.empty() || m_PostCount.load(std::memory_order_acquire) != 0; }
+    bool HasDue() const { return m_FirstDue != kNoSlot || m_PostCount.load(std::memory_order_acquire) != 0; }
+
+    /// Makes the descriptors that the thread could not have when it ran out of them; tried at every use.
+    void OpenIfNeeded();
 
     /// Waits until the system reports something, the queue is woken, or the time is over, and turns what is
     /// ready into due sockets. Never waits while something is due. Runs no foreign code.
     /// @param timeoutMs 0 asks without blocking, -1 waits without limit.
     void Block(int timeoutMs);
 
-    /// Serves what was due when it began. @return whether anything was delivered.
-    bool Serve();
+    /// Blocks as above, then serves what was due when it began to. @return whether anything was delivered.
+    bool Round(int timeoutMs);
 
     int SharedDescriptor();
     void SetHook(void (*hook)(void*), void* argument);
@@ -68,11 +72,14 @@ public:
     Loop* m_pInnermostLoop = nullptr;
 
 private:
+    static constexpr std::uint32_t kNoSlot = UINT32_MAX;
+
     struct Slot
     {
-        CAsyncSocket* socket; // null: free
-        std::uint32_t generation;
-        std::uint32_t nextFree;
+        CAsyncSocket* socket = nullptr; // null: gone
+        std::uint32_t generation : 31 = 0;
+        std::uint32_t due : 1 = 0; // in the list of what is due, where it stays although the socket has gone
+        std::uint32_t next = kNoSlot; // in that list, or in the list of free slots
     };
     struct PostedCall
     {
@@ -81,22 +88,25 @@ private:
     };
     class DispatchScope;
 
+    std::uint32_t TakeDue();
+    void Free(std::uint32_t index);
     void ClearWaker();
     void RaiseWaker();
     bool ServePosts();
     bool ServeSockets(std::uint64_t last);
 
     SocketWatch m_Watch;
-    int m_Waker;           // eventfd, watched with id 0
+    int m_Waker = -1;      // eventfd, watched with id 0
     bool m_Shared = false; // a foreign loop watches the descriptor
-    int m_Dispatching = 0; // Serve calls on the stack
+    int m_Dispatching = 0; // Round calls on the stack
     void (*m_pHook)(void*) = nullptr;
     void* m_pHookArgument = nullptr;
 
     std::vector<Slot> m_Slots;
-    std::uint32_t m_FreeSlot;
+    std::uint32_t m_FreeSlot = kNoSlot;
 
-    std::deque<std::uint64_t> m_Due; // ids, in the order in which they became due
+    std::uint32_t m_FirstDue = kNoSlot; // slots in the order in which they became due
+    std::uint32_t m_LastDue = kNoSlot;
     std::uint64_t m_DuePushed = 0;
     std::uint64_t m_DueTaken = 0;
 

@@ -31,7 +31,7 @@ struct NameLookup::Request
     std::string service;
     addrinfo hints{};
     gaicb control{};
-    ThreadQueue queue;
+    std::weak_ptr<MessageQueue> queue; // gone when the thread has ended and its sockets are closed
     std::uint64_t socketId = 0;
 
     ~Request()
@@ -103,8 +103,7 @@ void NameLookup::Begin(Request* request)
     completion.sigev_value.sival_ptr = request;
     completion.sigev_notify_function = [](sigval value) { Ended(static_cast<Request*>(value.sival_ptr)); };
     gaicb* list[] = {&request->control};
-    if (getaddrinfo_a(GAI_NOWAIT, list, 1, &completion) != 0)
-        Ended(request); // reads as "in progress", which GoOn treats as a failure
+    getaddrinfo_a(GAI_NOWAIT, list, 1, &completion); // a failure to begin comes as a completion, too
 }
 
 // On a thread of the system: starts the next in line and hands the outcome to the socket's thread.
@@ -121,8 +120,10 @@ void NameLookup::Ended(Request* request)
             line.waiting.pop_front();
         }
     }
-    const ThreadQueue queue = request->queue;
-    queue->Post(&NameLookup::GoOn, request);
+    if (const ThreadQueue queue = request->queue.lock())
+        queue->Post(&NameLookup::GoOn, request);
+    else
+        delete request;
     if (next != nullptr)
         Begin(next);
 }
@@ -130,14 +131,15 @@ void NameLookup::Ended(Request* request)
 void NameLookup::GoOn(void* argument)
 {
     const std::unique_ptr<Request> request(static_cast<Request*>(argument));
-    CAsyncSocket* const socket = request->queue->Find(request->socketId);
+    CAsyncSocket* const socket = CurrentThreadQueue()->Find(request->socketId);
     if (socket == nullptr || !(socket->m_State & SocketState::LookingUp))
         return;
 
     socket->m_State &= ~UINT{SocketState::LookingUp};
     const int failure = gai_error(&request->control);
     if (failure != 0 || request->control.ar_result == nullptr)
-        return AsyncSocketDelivery::EndConnect(*socket, platform::ResolverError(failure));
+        return AsyncSocketDelivery::EndConnect(*socket,
+                                               platform::ResolverError(failure != 0 ? failure : EAI_AGAIN));
 
     sockaddr_storage address{};
     std::memcpy(&address, request->control.ar_result->ai_addr, request->control.ar_result->ai_addrlen);

@@ -1,5 +1,6 @@
 #include "tavronet/platform/SocketWatch.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@ namespace
 {
 
 constexpr int kBatch = 256; // the rest is reported by the next call
+constexpr int kPauseMs = 10;
 
 std::uint32_t Translate(std::uint32_t events)
 {
@@ -36,9 +38,13 @@ bool Register(int epoll, int descriptor, std::uint32_t events, std::uint64_t id)
 
 } // namespace
 
-SocketWatch::SocketWatch() : m_Epoll(epoll_create1(EPOLL_CLOEXEC))
+bool SocketWatch::Open()
 {
-    m_Ready.reserve(kBatch);
+    if (m_Epoll < 0)
+        m_Epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (m_Epoll >= 0)
+        m_Ready.reserve(kBatch);
+    return m_Epoll >= 0;
 }
 
 SocketWatch::~SocketWatch()
@@ -64,8 +70,13 @@ void SocketWatch::Remove(int descriptor)
 
 std::span<const Readiness> SocketWatch::Collect(int timeoutMs)
 {
-    epoll_event events[kBatch];
     m_Ready.clear();
+    if (m_Epoll < 0) { // out of descriptors: nothing can be watched, but a wait must not spin
+        const bool brief = timeoutMs >= 0 && timeoutMs < kPauseMs;
+        poll(nullptr, 0, brief ? timeoutMs : kPauseMs);
+        return m_Ready;
+    }
+    epoll_event events[kBatch];
     const int count = epoll_wait(m_Epoll, events, kBatch, timeoutMs);
     for (int i = 0; i < count; ++i)
         m_Ready.push_back({events[i].data.u64, Translate(events[i].events)});

@@ -30,10 +30,13 @@ struct Readiness
 class SocketWatch
 {
 public:
-    SocketWatch();
+    SocketWatch() = default;
     ~SocketWatch();
     SocketWatch(const SocketWatch&) = delete;
     SocketWatch& operator=(const SocketWatch&) = delete;
+
+    /// Makes ready for use, if that has not succeeded yet. @return false with errno when the system refuses.
+    bool Open();
 
     /// Watches a descriptor under a name that is reported with it. Closing the descriptor ends it.
     /// @return false with errno when the system refuses.
@@ -53,7 +56,7 @@ public:
     int Descriptor() const { return m_Epoll; }
 
 private:
-    int m_Epoll;
+    int m_Epoll = -1;
     std::vector<Readiness> m_Ready;
 };
 

@@ -9,7 +9,8 @@
 TAVRONET_API DWORD GetTickCount();
 
 /// Replaces the clock behind GetTickCount, so that a host can test weeks of upkeep in a moment.
-/// Waits keep using the real clock. A source that yields 0 is read as 1.
+/// What blocks keeps using the real clock, but an operation that waits in several steps adds them up by this one:
+/// a source that stands still makes it wait for ever while messages keep coming. A source that yields 0 is read as 1.
 /// @param source called from any thread that asks for the tick; null restores the clock.
 TAVRONET_API void SetTickSource(DWORD (*source)());
 

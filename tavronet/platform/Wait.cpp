@@ -15,6 +15,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 using tavronet::EventTable;
 
+constexpr DWORD kMaxHandles = 64;
 constexpr int kLongestBlockMs = 3600 * 1000;
 
 // How long one block may last: to the end of the wait, rounded up so that it never ends early.
@@ -30,6 +31,10 @@ int BlockMs(bool endless, Clock::time_point deadline)
 
 DWORD MsgWaitForMultipleObjectsEx(DWORD count, const HANDLE* handles, DWORD milliseconds, DWORD, DWORD)
 {
+    if (count > kMaxHandles || (count > 0 && handles == nullptr)) {
+        WSASetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
     const ThreadQueue queue = CurrentThreadQueue();
     const std::span<const HANDLE> events(handles, count);
     const EventTable::Waiter waiter(events, *queue);

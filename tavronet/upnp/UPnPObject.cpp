@@ -70,7 +70,8 @@ bool CUPnPObject::WaitEvent(HANDLE event, HANDLE cancel)
     const DWORD timeout = m_WaitTimeout; // dispatching may destroy this node
     DWORD remaining = timeout;
 
-    DispatchMessages();
+    // A round at a time: the event and the clock are looked at again however much is due.
+    DispatchRound();
     while (guard.Alive()) {
         const DWORD result = MsgWaitForMultipleObjectsEx(count, handles, remaining, kWakeOnAnyInput, 0);
         if (!guard.Alive()) // the host's wait hook has run
@@ -84,7 +85,7 @@ bool CUPnPObject::WaitEvent(HANDLE event, HANDLE cancel)
         const DWORD elapsed = ElapsedMs(GetTickCount(), start);
         if (elapsed >= timeout)
             return false;
-        DispatchMessages();
+        DispatchRound();
         remaining = timeout - elapsed;
     }
     return false;

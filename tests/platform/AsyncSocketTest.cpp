@@ -181,6 +181,30 @@ TEST(AsyncSocketRead, BytesTakenPastTheClassLeaveNoReadBehind)
     pair.Hears("READ");
 }
 
+// The system announces nothing in front of an urgent byte, nor tells what has come since it was asked.
+TEST(AsyncSocketRead, WhatWasAnnouncedIsNotTakenForAllThereIs)
+{
+    for (const bool urgent : {false, true}) {
+        SCOPED_TRACE(urgent);
+        Pair pair;
+        std::string got;
+        pair.socket->onNotification[FD_READ] = [&] {
+            UINT waiting = 0;
+            const int most =
+                pair.socket->WaitingBytes(waiting) && waiting > 0 ? static_cast<int>(waiting) : 100;
+            if (got.empty()) {
+                pair.peer.Writes("more");
+                PumpUntilQuiet();
+            }
+            got += pair.socket->ReceiveText(most);
+        };
+        pair.peer.Writes("first ");
+        if (urgent)
+            pair.peer.Writes("!", MSG_OOB);
+        EXPECT_TRUE(PumpUntil([&] { return got == "first more"; })) << got;
+    }
+}
+
 TEST(AsyncSocketClose, ComesBehindTheInputAndOnce)
 {
     const std::tuple<const char*, LONG, bool, bool, const char*> rows[] = {

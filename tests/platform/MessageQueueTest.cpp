@@ -105,6 +105,13 @@ TEST(QueueDescriptor, IsReadableExactlyWhileSomethingIsDue)
     EXPECT_FALSE(readable(0));
     socket.RequestRead(); // from outside any dispatch
     EXPECT_TRUE(readable(0));
+    while (readable(0))
+        DispatchRound();
+
+    peer.Writes("x");
+    EXPECT_EQ(MsgWaitForMultipleObjectsEx(0, nullptr, 1000, kWakeOnAnyInput, 0), 0u);
+    EXPECT_TRUE(readable(0)) << "a wait has heard of it, but nothing has been dispatched";
+    DispatchPending();
 }
 
 TEST(MessageLoop, RunsUntilQuitAndNests)
