@@ -97,7 +97,7 @@ bool WaitWithMessagePump(DWORD timeoutMs, HANDLE cancel)
     DWORD remainingMs = timeoutMs;
     DWORD handles = cancel != nullptr ? 1 : 0;
     for (;;) {
-        DispatchPending();
+        DispatchRound(); // a round at a time: the handle is looked at again however much is due
         const DWORD outcome = MsgWaitForMultipleObjectsEx(handles, &cancel, remainingMs, kWakeOnAnyInput, 0);
         if (outcome == WAIT_TIMEOUT)
             return false;
@@ -259,6 +259,15 @@ int UPnPDiscover(bool wait, HANDLE cancel)
     return ReportingExceptions([&] {
         const int started = StartUp();
         return started == UPnPSuccess && wait ? WaitForDiscovery(cancel) : started;
+    });
+}
+
+int UPnPDispatch(unsigned int milliseconds)
+{
+    return ReportingExceptions([&] {
+        MsgWaitForMultipleObjectsEx(0, nullptr, milliseconds, kWakeOnAnyInput, 0);
+        DispatchRound();
+        return UPnPSuccess;
     });
 }
 

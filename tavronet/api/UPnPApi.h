@@ -1,8 +1,8 @@
 /// Port mapping on Internet gateways through plain functions; usable from C99 and C++.
 ///
 /// One network object per process, made by UPnPDiscoverStartup or UPnPDiscover and ended by UPnPClose, is
-/// behind all of them. They have no callback: a host pumps its thread's queue (MessageQueue.h), calls
-/// UPnPTickle about every second, and asks.
+/// behind all of them. They have no callback: a host calls UPnPDispatch over and over, in which gateways'
+/// answers arrive, and UPnPTickle about every second, and asks.
 ///
 /// Thread: one thread for everything here, the one that started; nothing is locked.
 /// During a call: UPnPDiscover (when it waits), UPnPTickle and the functions with a `cancel` argument, except
@@ -12,10 +12,11 @@
 /// interface through which the gateway answered ("192.168.1.100"); the first gateway found there is meant.
 /// The ...ByIndex functions take its place in the list of gateways instead, from 0; the first index behind
 /// the last gives UPnPNoDevice.
-/// Cancelling: `cancel` is null or a manual-reset event (Event.h); once it is signalled, waits end early and
-/// the operation fails. Never closed here.
+/// Cancelling: `cancel` is null or a manual-reset event, which CreateEventW(NULL, 1, 0, NULL) makes and any
+/// thread signals with SetEvent (tavronet/platform/Event.h); once it is signalled, waits end early and the
+/// operation fails. Never closed here.
 /// Results: one of UPnPResult. Besides those that a function names, UPnPNoNetwork comes from all but the
-/// start-up functions and UPnPSetDialect, UPnPNoDevice from all with a device, and UPnPException from all.
+/// start-up functions, UPnPSetDialect and UPnPDispatch, UPnPNoDevice from all with a device, and UPnPException from all.
 /// Outputs stay as they were unless the result is UPnPSuccess or the function says otherwise. A null output
 /// or a size of 0 or less gives UPnPFailed, without traffic.
 /// Text: UTF-8, terminated.
@@ -45,14 +46,21 @@ enum UPnPResult
     UPnPException = 9 ///< the library threw a CException; memory is exhausted
 };
 
-/// Chooses how the next start-up speaks with gateways (UPnPDialectCode in UPnPNetwork.h).
-/// @param dialect 0 classic (as long as this was never called), 1 modern.
+/// Chooses how the next start-up speaks with gateways.
+/// @param dialect 0 classic: gateways of the first generation (as long as this was never called); 1 modern:
+///        gateways as they are deployed today.
 /// @return UPnPSuccess; UPnPNetworkExists, changing nothing; UPnPFailed for another value.
 TAVRONET_API int UPnPSetDialect(int dialect);
 
 /// Makes the network object and starts searching; answers arrive while the host pumps.
 /// @return UPnPSuccess, UPnPNetworkExists, UPnPOutOfMemory.
 TAVRONET_API int UPnPDiscoverStartup(void);
+
+/// The host's pump: waits until something is due on this thread, at most `milliseconds`, and dispatches what
+/// is due, which may run handlers that the host posted.
+/// @param milliseconds 0 does not wait.
+/// @return UPnPSuccess, also when nothing was due.
+TAVRONET_API int UPnPDispatch(unsigned int milliseconds);
 
 /// UPnPDiscoverStartup, then waits, dispatching, until the discovery period of 10 s is over, whatever was
 /// found.

@@ -1,10 +1,16 @@
 #ifndef TAVRONET_PLATFORM_EVENT_H
 #define TAVRONET_PLATFORM_EVENT_H
 
+#include <stddef.h>
+
 #include "tavronet/platform/Export.h"
 #include "tavronet/platform/Types.h"
 
-/// Event objects: flags that any thread sets and that Wait.h waits for.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Event objects: flags that any thread sets and that Wait.h waits for. Usable from C99 and C++.
 ///
 /// A handle is an entry of a process-wide table with a generation, so a closed handle never means a newer
 /// event, and no descriptor is used. All functions may be called from any thread; none runs foreign code.
@@ -24,5 +30,9 @@ TAVRONET_API BOOL ResetEvent(HANDLE event);
 
 /// Ends the event; a wait for it ends as failed. @return non-zero; 0 with last error 6 for a bad handle.
 TAVRONET_API BOOL CloseHandle(HANDLE event);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

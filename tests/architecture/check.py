@@ -143,7 +143,7 @@ def check_stand_alone(root, arguments):
 
     jobs = [([arguments.cxx, "-std=c++20", "-x", "c++"], header) for header in arguments.headers]
     jobs += [([arguments.c, "-std=c99", "-x", "c"], header) for header in arguments.headers
-             if header.endswith("api/UPnPApi.h")]
+             if header.endswith(("api/UPnPApi.h", "platform/Event.h"))]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         yield from filter(None, pool.map(lambda job: compiles(*job), jobs))
 
