@@ -5,6 +5,7 @@
 
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/upnp/DescriptionBuilder.h"
+#include "tavronet/upnp/Limits.h"
 #include "tavronet/upnp/ModernHttp.h"
 #include "tavronet/upnp/ModernXml.h"
 
@@ -60,13 +61,17 @@ bool IsAbsolute(std::wstring_view url)
     return scheme != std::wstring_view::npos && scheme < url.find_first_of(L"/?#");
 }
 
-/// Host and port of "user@host:port" or "[address%25scope]:port".
+/// Host and port of "user@host:port" or "[address%25scope]:port"; port 0 when it cannot be connected to.
 void ReadAuthority(std::wstring_view authority, URLParts& parts)
 {
     authority.remove_prefix(authority.rfind(L'@') + 1); // npos + 1 is 0
     std::wstring_view rest;
     if (authority.starts_with(L'[')) {
-        const std::size_t end = std::min(authority.find(L']'), authority.size());
+        const std::size_t end = authority.find(L']');
+        if (end == std::wstring_view::npos) {
+            parts.port = 0;
+            return;
+        }
         parts.host = CString(authority.substr(1, end - 1));
         parts.host.Replace(L"%25", L"%");
         rest = authority.substr(end);
@@ -75,8 +80,10 @@ void ReadAuthority(std::wstring_view authority, URLParts& parts)
         rest = authority.substr(static_cast<std::size_t>(parts.host.GetLength()));
     }
     const std::size_t colon = rest.find(L':');
-    if (colon != std::wstring_view::npos && colon + 1 < rest.size())
-        parts.port = static_cast<UINT>(ReadInt32(rest.substr(colon + 1)));
+    if (colon != std::wstring_view::npos && colon + 1 < rest.size()) {
+        const int port = ReadInt32(rest.substr(colon + 1));
+        parts.port = port > 0 && port <= static_cast<int>(kHighestPort) ? static_cast<UINT>(port) : 0;
+    }
 }
 
 /// A path as it may stand in a request line.
@@ -130,6 +137,8 @@ URLParts Resolve(const URLParts& base, const CString& reference)
     }
 
     // Devices that do not know their own address write none, or the wildcard.
+    if (target.port == 0)
+        return target;
     if (target.host.IsEmpty() || target.host == L"0.0.0.0" || target.host == L"::") {
         target.host = base.host;
         target.port = base.port;
