@@ -104,7 +104,7 @@ private:
 
         CString address;
         if (!gateway.GetExternalIPAddress(m_hInterrupt, address) || gateway.GetCmndRespCode() != 200) {
-            const Failure failure = NoAnswer("its external address", session.Interrupted());
+            const Failure failure = session.NoAnswer("its external address");
             Tell("control", State::Failed, failure.message, failure.advice.empty() ? "" : failure.advice[0]);
             return failure.code;
         }

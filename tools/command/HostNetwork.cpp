@@ -116,6 +116,7 @@ std::string LocalAddressTowards(const HttpTarget& target)
 {
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
+    hints.ai_family = AddressFamily(target.host.c_str()) == AF_INET6 ? AF_INET6 : AF_INET; // as it connects
     addrinfo* found = nullptr;
     if (::getaddrinfo(target.host.c_str(), std::to_string(target.port).c_str(), &hints, &found) != 0)
         return "";

@@ -49,7 +49,7 @@ int RunAdd(const Options& options, const Output& output, HANDLE interrupt)
 
     CUPnPPortMap mapping = RequestedMapping(options, *gateway);
     if (!gateway->AddPortMap(interrupt, &mapping))
-        return output.Fail(NoAnswer("whether it mapped " + PortText(options), session.Interrupted()));
+        return output.Fail(session.NoAnswer("whether it mapped " + PortText(options)));
     if (!mapping.GetAdded())
         return output.Fail(Refusal("to map " + PortText(options), *gateway));
 
@@ -69,7 +69,7 @@ int RunDelete(const Options& options, const Output& output, HANDLE interrupt)
         return output.Fail(session.WhyNone());
 
     if (!gateway->DeletePortMap(interrupt, options.port, options.protocol.c_str()))
-        return output.Fail(NoAnswer("whether it deleted " + PortText(options), session.Interrupted()));
+        return output.Fail(session.NoAnswer("whether it deleted " + PortText(options)));
     if (gateway->GetCmndRespCode() != kAccepted)
         return output.Fail(Refusal("to delete " + PortText(options), *gateway));
 

@@ -95,7 +95,7 @@ int RunStatus(const Options& options, const Output& output, HANDLE interrupt)
     Json facts = GatewayFacts(*gateway);
     CString address;
     if (!gateway->GetExternalIPAddress(interrupt, address))
-        return output.Fail(NoAnswer("its external address", session.Interrupted()));
+        return output.Fail(session.NoAnswer("its external address"));
     if (gateway->GetCmndRespCode() != 200)
         return output.Fail(Refusal("to tell its external address", *gateway));
     facts["external_address"] = CStringA(address).GetString();
@@ -121,7 +121,7 @@ int RunList(const Options& options, const Output& output, HANDLE interrupt)
 
     const Json mappings = ReadMappings(*gateway, interrupt);
     if (mappings.is_null())
-        return output.Fail(NoAnswer("its table", session.Interrupted()));
+        return output.Fail(session.NoAnswer("its table"));
 
     output.Value(mappings);
     if (mappings.empty())

@@ -85,11 +85,11 @@ struct OwnedMappings
 
 /// @param list what the operation left.
 Failure WhyNotAdded(const Options& options, const PortMapList& list, const std::optional<Failure>& refusal,
-                    bool interrupted)
+                    const Session& session)
 {
     const auto added = std::ranges::count_if(list, &CUPnPPortMap::GetAdded);
-    if (interrupted || !list.empty()) {
-        Failure failure = NoAnswer("whether it mapped " + RangeText(options), interrupted);
+    if (session.Interrupted() || !list.empty()) {
+        Failure failure = session.NoAnswer("whether it mapped " + RangeText(options));
         if (added > 0)
             failure.advice.insert(failure.advice.begin(),
                                   "tavronet delete-range " + std::to_string(list.front()->ExternalPort()) +
@@ -124,7 +124,7 @@ int RunAddRange(const Options& options, const Output& output, HANDLE interrupt)
         refusal = watch.WhyRefused();
     }
     if (!added)
-        return output.Fail(WhyNotAdded(options, list.records, refusal, session.Interrupted()));
+        return output.Fail(WhyNotAdded(options, list.records, refusal, session));
 
     Json mappings = Json::array();
     for (const CUPnPPortMap* const mapping : list.records) {
@@ -155,7 +155,7 @@ int RunDeleteRange(const Options& options, const Output& output, HANDLE interrup
         for (unsigned port = options.port; port < end; ++port) {
             bar.Show(port - options.port);
             if (!gateway->DeletePortMap(interrupt, port, options.protocol.c_str())) {
-                failure = NoAnswer("whether it deleted " + PortText(options, port), session.Interrupted());
+                failure = session.NoAnswer("whether it deleted " + PortText(options, port));
                 break; // the others would take 10 s each
             }
             if (gateway->GetCmndRespCode() == kAccepted) {

@@ -141,16 +141,6 @@ Json ReadMappings(CUPnPDevice& gateway, void* interrupt)
     return mappings;
 }
 
-Failure NoAnswer(const std::string& what, bool interrupted)
-{
-    if (interrupted)
-        return {.code = UPnPCancelled, .message = "interrupted"};
-    return {.code = UPnPFailed,
-            .message =
-                "the gateway did not tell " + what + ": no answer within 10 s, or none that could be read",
-            .advice = {"the same again; `tavronet doctor` shows what works"}};
-}
-
 Failure Refusal(const std::string& what, const CUPnPDevice& gateway)
 {
     Failure failure{.code = UPnPFailed};

@@ -27,10 +27,6 @@ std::vector<std::string> MappingTable(const Json& mappings);
 /// Reads the gateway's table. @return an array, in the gateway's order; null when it did not answer.
 Json ReadMappings(CUPnPDevice& gateway, void* interrupt);
 
-/// The gateway gave no answer in time, or none that could be read.
-/// @param what "the external address"
-Failure NoAnswer(const std::string& what, bool interrupted);
-
 /// The gateway answered, and said no.
 /// @param what "to map TCP port 8080"
 Failure Refusal(const std::string& what, const CUPnPDevice& gateway);

@@ -33,6 +33,9 @@ std::string Seconds(DWORD milliseconds)
     return text;
 }
 
+constexpr DWORD kExchangeMs = 10000; // the longest that the library waits for an answer
+constexpr char kUnreadable[] = "gives no description that can be read";
+
 const char* const kFirewallAdvice =
     "a firewall on this machine may drop the answers, which come by unicast to a multicast search: allow UDP "
     "from port "
@@ -70,7 +73,9 @@ void Session::ReadDescriptionOf(const std::string& url)
         m_Options.localAddress.empty() ? LocalAddressTowards(target) : m_Options.localAddress;
     std::string answer = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=1800\r\nLOCATION: " + url + "\r\n\r\n";
     auto record = std::make_unique<CUPnPDevice>(nullptr, m_pNetwork.get());
-    record->Init(local.c_str(), target.host.c_str(), target.port, answer.data());
+    // A name stands for no source of a datagram: what the user named is reached wherever it is.
+    const std::string source = AddressFamily(target.host.c_str()) != 0 ? target.host : "";
+    record->Init(local.c_str(), source.c_str(), target.port, answer.data());
     m_pNetwork->NewUPnPDevice(record.release());
 }
 
@@ -108,6 +113,7 @@ CUPnPDevice* Session::AwaitGateway()
     if (!chosen && !Gateways().empty() && firstIPv4() == nullptr)
         Pump([&] { return firstIPv4() != nullptr; }, kIPv4GraceMs, "Looking for a gateway");
 
+    m_FoundTick = GetTickCount();
     const auto gateways = Gateways();
     if (gateways.empty() || Interrupted())
         return nullptr;
@@ -141,6 +147,10 @@ bool Session::WaitStep(DWORD milliseconds)
     DispatchPending();
     if (ElapsedMs(GetTickCount(), m_TickleTick) >= kTickleSpacingMs) {
         m_TickleTick = GetTickCount();
+        for (int index = 0; CUPnPDevice* const device = m_pNetwork->GetUPnPDevice(index); ++index) {
+            if (m_UndescribedURL.empty() && !device->DiscoverComplete())
+                m_UndescribedURL = Utf8(device->GetDescURL());
+        }
         m_pNetwork->Tickle();
     }
     return true;
@@ -159,11 +169,25 @@ std::vector<Session::Misfit> Session::Misfits() const
         if (!IsAdmitted(*device))
             misfits.push_back({url, "is reached from " + Utf8(device->GetIpAddr())});
         else if (!device->DiscoverComplete())
-            misfits.push_back({url, "gives no description that can be read"});
+            misfits.push_back({url, kUnreadable});
         else if (device->FindConnectionService() == nullptr)
             misfits.push_back({url, "has no service that maps ports"});
     }
+    if (misfits.empty() && !m_UndescribedURL.empty())
+        misfits.push_back({m_UndescribedURL, kUnreadable});
     return misfits;
+}
+
+Failure Session::NoAnswer(const std::string& what) const
+{
+    if (Interrupted())
+        return {.code = UPnPCancelled, .message = "interrupted"};
+    const bool inTime = ElapsedMs(GetTickCount(), m_FoundTick) < kExchangeMs;
+    return {.code = UPnPFailed,
+            .message = "the gateway did not tell " + what + ": " +
+                       (inTime ? "the connection failed, or was closed without an answer that could be read"
+                               : "no answer within 10 s, or none that could be read"),
+            .advice = {"the same again; `tavronet doctor` shows what works"}};
 }
 
 Failure Session::WhyNone() const

@@ -42,6 +42,10 @@ public:
     /// Why there is no gateway.
     [[nodiscard]] Failure WhyNone() const;
 
+    /// The gateway gave no answer in time, or none that could be read.
+    /// @param what "its external address"
+    [[nodiscard]] Failure NoAnswer(const std::string& what) const;
+
     /// Devices that answered but are no such gateway: URL and why not.
     struct Misfit
     {
@@ -61,6 +65,8 @@ private:
     const HANDLE m_hInterrupt; // main's
     std::unique_ptr<CUPnPNetwork> m_pNetwork;
     DWORD m_TickleTick = 0;
+    DWORD m_FoundTick = 0;        // when AwaitGateway was over: only exchanges have taken time since
+    std::string m_UndescribedURL; // of a device that the upkeep may have dropped since
     bool m_DescriptionUnreadable = false; // of the URL that the options name
 };
 
