@@ -206,6 +206,14 @@ class Failures(Case):
         failure = self.failed_json(NO_GATEWAY, "status", "--classic", "--timeout", "0.5")
         self.assertIn("without --classic", failure["try"])
 
+    def test_description_cut_short_is_asked_for_again(self):
+        self.simulated("--close-early", "description:900:1")
+        self.ran(DONE, "status")
+
+    def test_unusable_location(self):
+        self.simulated("--location", "http://10.77.1.1:99999/")
+        self.assertIn("no description", self.failed_json(NO_GATEWAY, "status", "--timeout", "2")["error"])
+
     def test_broken_answer(self):
         self.simulated("--close-early", "soap:20")
         for command in (["status"], ["list"], ["add", "8080"], ["delete", "8080"]):
