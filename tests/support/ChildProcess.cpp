@@ -21,7 +21,6 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kStopTimeout{10000};
-constexpr std::chrono::milliseconds kLookAgain{5};
 
 /// Where there is no private LAN, a path that cannot be entered: the program must not run elsewhere instead.
 std::string NamespacePath(ChildProcess::Place place)
@@ -72,11 +71,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, Place plac
     ::close(input[0]);
 }
 
-ChildProcess::~ChildProcess()
-{
-    Stop();
-}
-
 std::string ChildProcess::AwaitLine(const std::string& text, int timeoutMs)
 {
     const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -102,22 +96,16 @@ bool ChildProcess::Write(const std::string& text) const
     return ::send(m_Input, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
-void ChildProcess::Signal(int number) const
-{
-    if (Running())
-        ::kill(m_Pid, number);
-}
-
 int ChildProcess::Stop()
 {
     int status = -1;
     if (Running()) {
-        Signal(SIGTERM);
+        ::kill(m_Pid, SIGTERM);
         const auto end = Clock::now() + kStopTimeout;
         while (::waitpid(m_Pid, &status, WNOHANG) == 0) {
             if (Clock::now() > end)
-                Signal(SIGKILL);
-            std::this_thread::sleep_for(kLookAgain);
+                ::kill(m_Pid, SIGKILL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }

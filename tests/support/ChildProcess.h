@@ -22,7 +22,7 @@ public:
 
     /// Starts `arguments[0]`, a path. A failure shows in AwaitLine and Stop.
     ChildProcess(const std::vector<std::string>& arguments, Place place);
-    ~ChildProcess();
+    ~ChildProcess() { Stop(); }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -33,7 +33,6 @@ public:
     std::string AwaitLine(const std::string& text, int timeoutMs);
     /// Writes to its standard input. @return false when it has gone
     [[nodiscard]] bool Write(const std::string& text) const;
-    void Signal(int number) const;
 
     /// Sends TERM, after 10 s KILL, and waits for the end.
     /// @return the exit status, 128 + the signal when one ended it, -1 when it was not running

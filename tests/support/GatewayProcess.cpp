@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 #include <thread>
@@ -17,15 +18,17 @@ namespace tavronet
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-constexpr int kStartTimeoutMs = 20000; // a sanitized program on a busy machine
-constexpr int kCommandTimeoutMs = 10000;
-constexpr std::chrono::milliseconds kLookAgain{5};
+constexpr int kTimeoutMs = 20000; // a sanitized program on a busy machine
 
-std::string ProgramPath()
+bool Await(const std::function<bool()>& done, int timeoutMs)
 {
-    const char* const given = std::getenv("TAVRONET_GATEWAY_BIN");
-    return given != nullptr ? given : TAVRONET_TEST_BINARY_DIR "/bin/tavronet-gateway";
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 std::string Content(const std::string& path)
@@ -44,7 +47,9 @@ std::vector<std::string> WithOurOptions(std::vector<std::string> arguments, cons
 {
     if (std::ranges::find(arguments, "--address") == arguments.end())
         arguments.insert(arguments.end(), {"--address", "127.0.0.1", "--no-ssdp"});
-    arguments.insert(arguments.begin(), ProgramPath());
+    const char* const program = std::getenv("TAVRONET_GATEWAY_BIN");
+    arguments.insert(arguments.begin(),
+                     program != nullptr ? program : TAVRONET_TEST_BINARY_DIR "/bin/tavronet-gateway");
     arguments.insert(arguments.end(),
                      {"--commands", "--log", folder + "/log", "--log-requests", folder + "/requests"});
     return arguments;
@@ -55,34 +60,28 @@ std::vector<std::string> WithOurOptions(std::vector<std::string> arguments, cons
 GatewayProcess::GatewayProcess(const std::vector<std::string>& arguments, Place place)
     : m_Folder(MakeFolder()), m_Process(WithOurOptions(arguments, m_Folder), place)
 {
-    std::istringstream words(m_Process.AwaitLine("ready", kStartTimeoutMs));
+    std::istringstream words(m_Process.AwaitLine("ready", kTimeoutMs));
     for (std::string word; words >> word;) {
         if (word.starts_with("http://"))
             m_Urls.push_back(word);
     }
     if (!Started())
-        ADD_FAILURE() << ProgramPath() << " did not start, exit status " << Stop();
+        ADD_FAILURE() << "the gateway did not start, exit status " << m_Process.Stop();
 }
 
 GatewayProcess::~GatewayProcess()
 {
     const bool running = m_Process.Running();
-    if (const int status = Stop(); running && status != 0)
+    if (const int status = m_Process.Stop(); running && status != 0)
         ADD_FAILURE() << "the gateway ended with exit status " << status;
     std::error_code ignored;
     std::filesystem::remove_all(m_Folder, ignored);
 }
 
-std::string GatewayProcess::Url(std::size_t n) const
-{
-    return n < m_Urls.size() ? m_Urls[n] : "";
-}
-
 unsigned GatewayProcess::Port() const
 {
     const std::string url = Url();
-    const std::size_t colon = url.find(':', url.find(']') == std::string::npos ? 7 : url.find(']'));
-    return colon == std::string::npos ? 0 : static_cast<unsigned>(std::atoi(url.c_str() + colon + 1));
+    return url.empty() ? 0 : static_cast<unsigned>(std::stoi(url.substr(url.rfind(':') + 1)));
 }
 
 bool GatewayProcess::Command(const std::string& line)
@@ -92,40 +91,23 @@ bool GatewayProcess::Command(const std::string& line)
     if (!m_Process.Write(line + "\n"))
         return false;
 
-    const auto end = Clock::now() + std::chrono::milliseconds(kCommandTimeoutMs);
-    while (Logged(obeyed) == obeyedBefore) {
-        if (Logged(notUnderstood) > refusedBefore || Clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(kLookAgain);
-    }
-    return true;
-}
-
-std::vector<std::string> GatewayProcess::Log() const
-{
-    std::vector<std::string> lines;
-    std::istringstream text(Content(m_Folder + "/log"));
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
-    return lines;
+    return Await([&] { return Logged(obeyed) > obeyedBefore || Logged(notUnderstood) > refusedBefore; },
+                 kTimeoutMs) &&
+           Logged(notUnderstood) == refusedBefore;
 }
 
 int GatewayProcess::Logged(std::string_view text) const
 {
-    const auto lines = Log();
-    return static_cast<int>(std::ranges::count_if(
-        lines, [text](const std::string& line) { return line.find(text) != std::string::npos; }));
+    int count = 0;
+    std::istringstream log(Content(m_Folder + "/log"));
+    for (std::string line; std::getline(log, line);)
+        count += line.find(text) != std::string::npos;
+    return count;
 }
 
 bool GatewayProcess::WaitForLog(std::string_view text, int count, int timeoutMs) const
 {
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (Logged(text) < count) {
-        if (Clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(kLookAgain);
-    }
-    return true;
+    return Await([&] { return Logged(text) >= count; }, timeoutMs);
 }
 
 std::vector<GatewayRequest> GatewayProcess::Requests() const

@@ -29,8 +29,7 @@ public:
     using Place = ChildProcess::Place;
 
     /// @param arguments of the program. Without --address it serves HTTP only, on 127.0.0.1 at a free port.
-    /// Its log,
-    ///        its record of requests and the command input are set up here.
+    ///        Its log, its record of requests and the command input are set up here.
     explicit GatewayProcess(const std::vector<std::string>& arguments = {}, Place place = Place::Here);
     ~GatewayProcess();
     GatewayProcess(const GatewayProcess&) = delete;
@@ -39,31 +38,20 @@ public:
     [[nodiscard]] bool Started() const { return !m_Urls.empty(); }
 
     /// URL of the description, for the n-th --address.
-    [[nodiscard]] std::string Url(std::size_t n = 0) const;
+    [[nodiscard]] std::string Url(std::size_t n = 0) const { return n < m_Urls.size() ? m_Urls[n] : ""; }
     /// The HTTP port; all addresses have the same.
     [[nodiscard]] unsigned Port() const;
 
-    /// Sends one command line ("byebye", "clear", "fault delay soap:500" ...) and waits until it has been
-    /// obeyed.
+    /// Sends one command line ("byebye", "clear", "fault delay soap:500" ...) and waits until it is obeyed.
     /// @return false when the gateway did not understand it
     bool Command(const std::string& line);
-    /// Sends a signal to the gateway.
-    void Signal(int number) const { m_Process.Signal(number); }
-
-    /// The lines of the log so far.
-    [[nodiscard]] std::vector<std::string> Log() const;
     /// How many lines of the log contain `text`.
     [[nodiscard]] int Logged(std::string_view text) const;
-    /// Waits until `count` lines of the log contain `text`. @return false when that takes longer than
-    /// `timeoutMs`
+    /// Waits until `count` lines of the log contain `text`. @return false when that takes longer
     [[nodiscard]] bool WaitForLog(std::string_view text, int count = 1, int timeoutMs = 5000) const;
 
     /// Everything that was sent to the gateway so far, in order of arrival.
     [[nodiscard]] std::vector<GatewayRequest> Requests() const;
-
-    /// Ends the gateway now and waits for it; the log and the requests stay readable. @return its exit
-    /// status, 128 + the signal when one killed it, -1 when it was not running
-    int Stop() { return m_Process.Stop(); }
 
 private:
     std::string m_Folder; // temporary, removed at the end

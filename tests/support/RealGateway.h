@@ -14,7 +14,15 @@ class RealGateway
 {
 public:
     /// Returns when the daemon serves its description, or cannot. @param version of the device: 1 or 2
-    explicit RealGateway(int version);
+    explicit RealGateway(int version)
+        : m_Process({TAVRONET_TEST_SOURCE_DIR "/scripts/real-gateway", "--any-client", "--igd",
+                     std::to_string(version)},
+                    ChildProcess::Place::GatewayOfLan)
+    {
+        constexpr int kTimeoutMs = 10000;
+        const std::string ready = m_Process.AwaitLine("ready", kTimeoutMs);
+        m_Url = ready.substr(ready.rfind(' ') + 1);
+    }
 
     /// False where the daemon is not installed, or there is no private LAN: skip the test then.
     [[nodiscard]] bool Available() const { return !m_Url.empty(); }
