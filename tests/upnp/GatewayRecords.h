@@ -1,5 +1,4 @@
-#ifndef TESTS_UPNP_GATEWAYRECORDS_H
-#define TESTS_UPNP_GATEWAYRECORDS_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -7,12 +6,19 @@
 
 #include "ScriptedServer.h"
 #include "tavronet/platform/InterfaceTables.h"
+#include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPNetwork.h"
+#include "tavronet/upnp/UPnPService.h"
 
 inline constexpr const char* kConnectionService = "urn:schemas-upnp-org:service:WANIPConnection:1";
 inline constexpr const char* kGatewayType = "urn:schemas-upnp-org:device:InternetGatewayDevice:1";
+
+inline std::string Text(const CString& wide)
+{
+    return std::string(Narrow(wide).View());
+}
 
 /// While it lives the machine has no adapters, so that a network searches nowhere.
 struct NoAdapters
@@ -41,46 +47,41 @@ struct TestClock
     inline static DWORD s_Now = 0;
 };
 
+/// A wait hook: ten seconds pass, and a message has the wait look at the clock.
+inline void TheTimePasses(void*)
+{
+    TestClock::Advance(10000);
+    InTheWait([] {});
+}
+
 struct Announced
 {
-    std::string localAddress = "127.0.0.1";
-    std::string source = "127.0.0.1";
-    std::string location = "";
+    std::string localAddress = "127.0.0.1", source = "127.0.0.1", location = "";
     std::string usn = "uuid:gw-1::urn:schemas-upnp-org:device:WANConnectionDevice:1";
-    std::string nts = "";
-    std::string cacheControl = "max-age=1800";
+    std::string nts = "", cacheControl = "max-age=1800";
 };
 
 /// A record as a datagram makes it.
 inline CUPnPDevice* MakeRecord(CUPnPNetwork* network, const Announced& announced)
 {
-    std::string datagram = (announced.nts.empty() ? "HTTP/1.1 200 OK\r\n" : "NOTIFY * HTTP/1.1\r\n");
-    const auto add = [&](const char* name, const std::string& value) {
-        if (!value.empty())
-            datagram += name + (": " + value) + "\r\n";
-    };
-    add("LOCATION", announced.location);
-    add("CACHE-CONTROL", announced.cacheControl);
-    add("USN", announced.usn);
-    add("NTS", announced.nts);
-    datagram += "\r\n";
-
+    std::string datagram =
+        (announced.nts.empty() ? "HTTP/1.1 200 OK" : "NOTIFY * HTTP/1.1\r\nNTS: " + announced.nts) +
+        "\r\nLOCATION: " + announced.location + "\r\nCACHE-CONTROL: " + announced.cacheControl +
+        "\r\nUSN: " + announced.usn + "\r\n\r\n";
     auto record = std::make_unique<CUPnPDevice>(nullptr, network);
     record->Init(announced.localAddress.c_str(), announced.source.c_str(), 1900, datagram.data());
     return record.release();
 }
 
 /// A description with a tag a line: a root with one embedded device that holds the connection service.
-inline std::string Description(const std::string& controlUrl = "/ctl")
+inline std::string Description()
 {
     return "<root>\r\n<device>\r\n<deviceType>" + std::string(kGatewayType) +
            "</deviceType>\r\n<UDN>uuid:gw-1</UDN>\r\n<deviceList>\r\n<device>\r\n"
-           "<deviceType>urn:schemas-upnp-org:device:WANConnectionDevice:1</"
-           "deviceType>\r\n<serviceList>\r\n<service>\r\n"
-           "<serviceType>" +
-           std::string(kConnectionService) + "</serviceType>\r\n<controlURL>" + controlUrl +
-           "</controlURL>\r\n</service>\r\n</serviceList>\r\n</device>\r\n</deviceList>\r\n</device>\r\n</"
-           "root>\r\n";
+           "<deviceType>urn:schemas-upnp-org:device:WANConnectionDevice:1</deviceType>\r\n<UDN>uuid:wan</"
+           "UDN>\r\n"
+           "<serviceList>\r\n<service>\r\n<serviceType>" +
+           kConnectionService +
+           "</serviceType>\r\n<controlURL>/ctl</controlURL>\r\n</service>\r\n</serviceList>\r\n</device>\r\n"
+           "</deviceList>\r\n</device>\r\n</root>\r\n";
 }
-
-#endif

@@ -1,291 +1,189 @@
 // What a host may do inside the library: anything, wherever its code runs. Each test puts one kind of host code in one
 // place; the address sanitizer watches that nothing freed is touched, the test that the network is usable afterwards.
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
 #include <tuple>
 
 #include "GatewayRecords.h"
-#include "ScriptedServer.h"
 #include "tavronet/platform/TestSeams.h"
-#include "tavronet/upnp/UPnPService.h"
 
 namespace
 {
 
-using Then = ScriptedServer::Then;
+struct Host;
 
-enum class Place
+/// A place where host code runs: inside events (a bit for each code), or, without any, inside a wait.
+struct Place
 {
-    DescribedWhileReading, // event 2 and 0, the response ends by its length
-    DescribedWhileClosing, // event 2 and 0, the response ends with the connection
-    ReleasedByHost,        // event 1
-    ReleasedByTickle,
-    Announced, // event 3
-    PumpedInDeviceOperation,
-    PumpedInServiceCommand,
-    PumpedInVerification, // inside Tickle
-};
-enum class Action
-{
-    DeleteNetwork,
-    ReleaseDevice,
-    ReleaseOtherDevice,
-    Discover,
-    Tickle,
-    RequestDescription,
-    SameService,
-    OtherService,
-    ReleaseConnection,
-    FreePortMaps,
-    Throw,
+    const char* name;
+    unsigned int events;
+    void (*run)(Host& host);
 };
 
-const char* const kPlaces[] = {"DescribedWhileReading",
-                               "DescribedWhileClosing",
-                               "ReleasedByHost",
-                               "ReleasedByTickle",
-                               "Announced",
-                               "PumpedInDeviceOperation",
-                               "PumpedInServiceCommand",
-                               "PumpedInVerification"};
-const char* const kActions[] = {
-    "DeleteNetwork", "ReleaseDevice", "ReleaseOtherDevice", "Discover",     "Tickle", "RequestDescription",
-    "SameService",   "OtherService",  "ReleaseConnection",  "FreePortMaps", "Throw"};
-
-/// What the gateway answers: its description to a GET, the one mapping to a look-up, success to all else.
-std::pair<std::string, Then> Reply(const std::string& request, bool withLength)
+struct Action
 {
-    if (request.starts_with("GET "))
-        return {withLength ? HttpAnswer(Description()) : "HTTP/1.1 200 OK\r\n\r\n" + Description(),
-                Then::Close};
-    if (request.find("GetSpecificPortMappingEntry") == std::string::npos)
-        return {HttpAnswer(""), Then::KeepOpen};
-    return {
-        HttpAnswer(
-            "<NewInternalPort>8080</NewInternalPort>\r\n<NewInternalClient>127.0.0.1</NewInternalClient>\r\n"
-            "<NewEnabled>1</NewEnabled>\r\n<NewPortMappingDescription>game</NewPortMappingDescription>\r\n"
-            "<NewLeaseDuration>0</NewLeaseDuration>\r\n"),
-        Then::KeepOpen};
-}
+    std::string_view name;
+    void (*act)(Host& host, CUPnPDevice* device);
+};
 
-class Reentrancy : public testing::TestWithParam<std::tuple<int, int>>
+/// A host with a device that is described by a server here.
+struct Host
 {
-protected:
-    Reentrancy() : network(std::make_unique<CUPnPNetwork>(&Callback, this))
+    Host(const Place& in, const Action& what) : place(in), action(what)
     {
-        const bool withLength = place != Place::DescribedWhileClosing;
-        server.AnswerBy([withLength](const std::string& request) { return Reply(request, withLength); });
-        if (place != Place::DescribedWhileReading && place != Place::DescribedWhileClosing)
-            Register();
-        network->NewUPnPDevice(MakeRecord(network.get(), {.source = "127.0.0.2", .usn = "uuid:other"}));
+        server.AnswerBy([this](const std::string& request) { return Reply(request); });
     }
 
-    ~Reentrancy() override { network.reset(); }
+    ScriptedServer::Reply Reply(const std::string& request) const
+    {
+        if (request.starts_with("GET "))
+            return {untilClose ? "HTTP/1.1 200 OK\r\n\r\n" + Description() : HttpAnswer(Description()),
+                    kClose};
+        if (request.find("GetSpecificPortMappingEntry") == std::string::npos)
+            return {HttpAnswer(""), false};
+        return {HttpAnswer("<NewInternalPort>8080</NewInternalPort>\r\n<NewInternalClient>127.0.0.1"
+                           "</NewInternalClient>\r\n<NewEnabled>1</NewEnabled>\r\n"),
+                false};
+    }
 
     void Register()
     {
         network->NewUPnPDevice(MakeRecord(network.get(), {.location = server.Url("/d")}));
-        EXPECT_TRUE(Pump([&] { return happened || (Device() != nullptr && Device()->DiscoverComplete()); }));
+        PumpUntil([&] { return happened || Device()->DiscoverComplete(); });
     }
-
     CUPnPDevice* Device() const { return network != nullptr ? network->GetUPnPDevice("uuid:gw-1") : nullptr; }
-    CUPnPService* Service() const
-    {
-        return Device() != nullptr ? Device()->FindConnectionService() : nullptr;
-    }
-
-    /// Pumps; what the host throws comes out here.
-    bool Pump(const std::function<bool()>& done)
-    {
-        try {
-            return PumpUntil(done);
-        } catch (int) {
-            thrown = true;
-            return done();
-        }
-    }
-
-    /// Runs library code out of which the host's exception may come.
-    void Guarded(const std::function<void()>& step)
-    {
-        try {
-            step();
-        } catch (int) {
-            thrown = true;
-        }
-    }
-
-    static void Callback(void* raw, unsigned int code, CUPnPObject* object)
-    {
-        auto& self = *static_cast<Reentrancy*>(raw);
-        const bool described = code == UPnPEventServiceDescribed || code == UPnPEventDeviceDescribed;
-        const bool here =
-            self.place == Place::DescribedWhileReading || self.place == Place::DescribedWhileClosing
-                ? described
-            : self.place == Place::Announced ? code == UPnPEventDeviceNotify
-                                             : code == UPnPEventDeviceReleased;
-        if (here && self.armed)
-            self.Act(object);
-    }
-
-    void ActInTheWait()
-    {
-        PostThreadCall(
-            CurrentThreadQueue(), [](void* self) { static_cast<Reentrancy*>(self)->Act(nullptr); }, this);
-    }
-
-    void Act(CUPnPObject* object)
-    {
-        const bool first = !happened;
-        happened = true;
-        if (!first && action != Action::Throw) // once is enough, and a second time would be another test
-            return;
-        CUPnPDevice* device = Device();
-        if (place == Place::Announced)
-            device = static_cast<CUPnPDevice*>(object);
-        switch (action) {
-        case Action::DeleteNetwork: network.reset(); break;
-        case Action::ReleaseDevice: network->ReleaseUPnPDevice(device); break;
-        case Action::ReleaseOtherDevice:
-            network->ReleaseUPnPDevice(network->GetUPnPDevice("uuid:other"));
-            break;
-        case Action::Discover: network->Discover(); break;
-        case Action::Tickle:
-            TestClock::Advance(31000);
-            network->Tickle();
-            break;
-        case Action::RequestDescription: device->RequestDescription(); break;
-        case Action::SameService: Operate(); break;
-        case Action::OtherService: OperateElsewhere(); break;
-        case Action::ReleaseConnection:
-            if (Service() != nullptr) {
-                Service()->ReleaseUPnPServiceSocket(true);
-                Service()->ReleaseCommandQueue();
-            }
-            break;
-        case Action::FreePortMaps:
-            if (device != nullptr) {
-                CUPnPDevice::ReleasePortMaps(device->GetPortMaps());
-                device->DeleteIndivPortMaps(nullptr);
-            }
-            break;
-        case Action::Throw: throw 7;
-        }
-    }
 
     /// A blocking operation; pumps, so that connections close underneath.
-    void Operate()
-    {
-        if (Device() == nullptr)
-            return;
-        CString address;
-        Device()->GetExternalIPAddress(nullptr, address);
-    }
-
-    void OperateElsewhere()
-    {
-        CUPnPDevice elsewhere;
-        CUPnPService service(&elsewhere);
-        const std::string block =
-            "<service>\r\n<controlURL>" + server.Url("/else") + "</controlURL>\r\n</service>\r\n";
-        const char* position = block.c_str();
-        int remaining = static_cast<int>(block.size());
-        service.BuildService(position, remaining);
-        service.Command(true, nullptr, "Else", nullptr);
-    }
-
-    void Run()
+    void Operate() const
     {
         CString address;
-        switch (place) {
-        case Place::DescribedWhileReading:
-        case Place::DescribedWhileClosing:
-            armed = true;
-            Register();
-            break;
-        case Place::ReleasedByHost:
-            armed = true;
-            Guarded([&] { network->ReleaseUPnPDevice(Device()); });
-            break;
-        case Place::ReleasedByTickle:
-            armed = true;
-            Device()->SetRelease(true);
-            Guarded([&] { network->Tickle(); });
-            break;
-        case Place::Announced:
-            armed = true;
-            Guarded([&] {
-                network->Notify(
-                    MakeRecord(network.get(), {.source = "127.0.0.3", .usn = "uuid:n", .nts = "ssdp:alive"}));
-            });
-            break;
-        case Place::PumpedInDeviceOperation:
-            ActInTheWait();
-            Guarded([&] { Device()->GetExternalIPAddress(nullptr, address); });
-            break;
-        case Place::PumpedInServiceCommand:
-            ActInTheWait();
-            Guarded([&] { Service()->Command(true, nullptr, "A", nullptr); });
-            break;
-        case Place::PumpedInVerification:
-            Device()->AddPortMap(nullptr, 8080, "game", nullptr);
-            for (int i = 0; i < 3 && !happened; ++i) { // the range list has its turn first
-                TestClock::Advance(10001);
-                ActInTheWait();
-                Guarded([&] { network->Tickle(); });
-            }
-            break;
-        }
+        if (Device() != nullptr)
+            Device()->GetExternalIPAddress(nullptr, address);
     }
 
-    /// The network does its work as if nothing had been.
-    void ExpectUsable()
+    void Act(CUPnPDevice* device)
     {
-        CUPnPDevice* const fresh = MakeRecord(network.get(), {.source = "127.0.0.9", .usn = "uuid:fresh"});
-        network->NewUPnPDevice(fresh);
-        fresh->SetRelease(true);
-        for (std::size_t i = 0; i < 8 && network->GetUPnPDevice("uuid:fresh") != nullptr; ++i)
-            Guarded([&] { network->Tickle(); });
-        EXPECT_EQ(network->GetUPnPDevice("uuid:fresh"), nullptr) << "upkeep still works";
+        if (std::exchange(happened, true) && action.name != "Throw")
+            return; // once is enough, and a second time would be another test
+        action.act(*this, device);
+    }
+    static void Callback(void* raw, unsigned int code, CUPnPObject* object)
+    {
+        auto& self = *static_cast<Host*>(raw);
+        if (self.armed && (self.place.events >> code & 1) != 0)
+            self.Act(code == UPnPEventDeviceNotify ? static_cast<CUPnPDevice*>(object) : self.Device());
     }
 
-    const Place place = static_cast<Place>(std::get<0>(GetParam()));
-    const Action action = static_cast<Action>(std::get<1>(GetParam()));
-    bool armed = false;
-    bool happened = false;
-    bool thrown = false;
+    const Place& place;
+    const Action& action;
+    bool armed = false, happened = false, untilClose = false;
     TestClock clock;
     NoAdapters noAdapters;
     ScriptedServer server;
-    std::unique_ptr<CUPnPNetwork> network;
+    std::unique_ptr<CUPnPNetwork> network = std::make_unique<CUPnPNetwork>(&Callback, this);
 };
+
+constexpr unsigned int kDescribed = 1U << UPnPEventServiceDescribed | 1U << UPnPEventDeviceDescribed;
+
+const Place kPlaces[] = {
+    {"DescribedWhileReading", kDescribed, [](auto& host) { host.Register(); }},
+    {"DescribedWhileClosing", kDescribed,
+     [](auto& host) {
+         host.untilClose = true;
+         host.Register();
+     }},
+    {"ReleasedByHost", 1U << UPnPEventDeviceReleased,
+     [](auto& host) { host.network->ReleaseUPnPDevice(host.Device()); }},
+    {"ReleasedByTickle", 1U << UPnPEventDeviceReleased,
+     [](auto& host) {
+         host.Device()->SetRelease(true);
+         host.network->Tickle();
+     }},
+    {"Announced", 1U << UPnPEventDeviceNotify,
+     [](auto& host) {
+         host.network->Notify(
+             MakeRecord(host.network.get(), {.source = "127.0.0.3", .usn = "uuid:n", .nts = "ssdp:alive"}));
+     }},
+    {"PumpedInDeviceOperation", 0,
+     [](auto& host) {
+         InTheWait([&host] { host.Act(host.Device()); });
+         host.Operate();
+     }},
+    {"PumpedInVerification", 0,
+     [](auto& host) {
+         host.Device()->AddPortMap(nullptr, 8080, "game", nullptr);
+         for (int i = 0; i < 3 && !host.happened; ++i) { // the range list has its turn first
+             TestClock::Advance(10001);
+             InTheWait([&host] { host.Act(host.Device()); });
+             host.network->Tickle();
+         }
+     }},
+};
+
+const Action kActions[] = {
+    {"DeleteNetwork", [](auto& host, auto*) { host.network.reset(); }},
+    {"ReleaseDevice", [](auto& host, auto* device) { host.network->ReleaseUPnPDevice(device); }},
+    {"Discover", [](auto& host, auto*) { host.network->Discover(); }},
+    {"Tickle", [](auto& host, auto*) { host.network->Tickle(); }},
+    {"RequestDescription", [](auto&, auto* device) { device->RequestDescription(); }},
+    {"SameService", [](auto& host, auto*) { host.Operate(); }},
+    {"ReleaseConnection",
+     [](auto& host, auto*) {
+         if (host.Device() != nullptr && host.Device()->FindConnectionService() != nullptr)
+             host.Device()->FindConnectionService()->ReleaseUPnPServiceSocket(true);
+     }},
+    {"FreePortMaps",
+     [](auto&, auto* device) {
+         CUPnPDevice::ReleasePortMaps(device->GetPortMaps());
+         device->DeleteIndivPortMaps(nullptr);
+     }},
+    {"Throw", [](auto&, auto*) { throw 7; }},
+};
+
+class Reentrancy : public testing::TestWithParam<std::tuple<std::size_t, std::size_t>>
+{};
 
 TEST_P(Reentrancy, TheHostMayDoAnything)
 {
-    Run();
-    EXPECT_TRUE(happened);
-    EXPECT_EQ(thrown, action == Action::Throw);
-    try {
-        PumpBriefly(); // connections that outlived it come to their end
-    } catch (int) {
+    const Place& place = kPlaces[std::get<0>(GetParam())];
+    const Action& action = kActions[std::get<1>(GetParam())];
+    const bool throws = action.name == "Throw", deletes = action.name == "DeleteNetwork";
+    {
+        Host host(place, action);
+        if (place.events != kDescribed)
+            host.Register();
+        host.armed = true;
+        const auto throwsIn = [](const auto& step) {
+            try {
+                step();
+                return false;
+            } catch (int) {
+                return true;
+            }
+        };
+        EXPECT_EQ(throwsIn([&] { place.run(host); }), throws);
+        EXPECT_TRUE(host.happened);
+        EXPECT_TRUE(!throwsIn([] { PumpBriefly(); }) || throws); // connections that outlived it end
+        host.armed = false;
+        ASSERT_EQ(host.network == nullptr, deletes);
+        if (!deletes) {
+            CUPnPDevice* const fresh =
+                MakeRecord(host.network.get(), {.source = "127.0.0.9", .usn = "uuid:fresh"});
+            host.network->NewUPnPDevice(fresh);
+            fresh->SetRelease(true);
+            for (int i = 0; i < 8 && host.network->GetUPnPDevice("uuid:fresh") != nullptr; ++i)
+                host.network->Tickle();
+            EXPECT_EQ(host.network->GetUPnPDevice("uuid:fresh"), nullptr) << "upkeep still works";
+        }
     }
-    armed = false;
-    EXPECT_EQ(network == nullptr, action == Action::DeleteNetwork);
-    if (network != nullptr)
-        ExpectUsable();
-    network.reset();
     EXPECT_EQ(tavronet::CountLivingObjects(), (tavronet::LivingObjects{0, 0}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, Reentrancy,
-                         testing::Combine(testing::Range(0, int(std::size(kPlaces))),
-                                          testing::Range(0, int(std::size(kActions)))),
+                         testing::Combine(testing::Range<std::size_t>(0, std::size(kPlaces)),
+                                          testing::Range<std::size_t>(0, std::size(kActions))),
                          [](const auto& cell) {
-                             return std::string(kPlaces[std::get<0>(cell.param)]) + "_" +
-                                    kActions[std::get<1>(cell.param)];
+                             const std::string action(kActions[std::get<1>(cell.param)].name);
+                             return kPlaces[std::get<0>(cell.param)].name + ("_" + action);
                          });
 
 } // namespace
