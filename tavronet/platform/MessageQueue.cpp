@@ -61,16 +61,19 @@ void MessageQueue::OpenIfNeeded()
 
 MessageQueue::~MessageQueue()
 {
+    for (const PostedCall& post : m_Posts)
+        if (post.discard != nullptr)
+            post.discard(post.argument);
     if (m_Waker >= 0)
         close(m_Waker);
 }
 
 // --- Posting, from any thread
 
-void MessageQueue::Post(void (*call)(void*), void* argument)
+void MessageQueue::Post(void (*call)(void*), void* argument, void (*discard)(void*))
 {
     const std::lock_guard lock(m_PostLock);
-    m_Posts.push_back({call, argument});
+    m_Posts.push_back({call, argument, discard});
     ++m_PostsPushed;
     m_PostCount.store(m_Posts.size(), std::memory_order_release);
     RaiseWaker();

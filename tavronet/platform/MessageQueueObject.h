@@ -29,8 +29,9 @@ public:
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
-    /// Any thread. Has `call(argument)` run by a later round.
-    void Post(void (*call)(void*), void* argument);
+    /// Any thread. Has `call(argument)` run by a later round, or `discard(argument)`, if given, when the queue ends
+    /// before that.
+    void Post(void (*call)(void*), void* argument, void (*discard)(void*) = nullptr);
     /// Any thread. Ends the owner's Block in progress, or its next one.
     void Wake();
 
@@ -85,6 +86,7 @@ private:
     {
         void (*call)(void*);
         void* argument;
+        void (*discard)(void*);
     };
     class DispatchScope;
 

@@ -121,7 +121,7 @@ void NameLookup::Ended(Request* request)
         }
     }
     if (const ThreadQueue queue = request->queue.lock())
-        queue->Post(&NameLookup::GoOn, request);
+        queue->Post(&NameLookup::GoOn, request, [](void* unread) { delete static_cast<Request*>(unread); });
     else
         delete request;
     if (next != nullptr)
