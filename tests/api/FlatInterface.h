@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tavronet/api/UPnPApi.h"
@@ -13,20 +11,14 @@
 #include "tavronet/platform/TickCount.h"
 #include "tests/support/GatewayProcess.h"
 #include "tests/support/LoopbackPair.h"
+#include "tests/support/OnPrivateLan.h"
 
 inline constexpr char kLocal[] = "10.77.1.2"; // of this machine on the private LAN
 
 /// The flat interface on a private LAN, started and ended by each test.
-class FlatInterface : public testing::Test
+class FlatInterface : public tavronet::OnPrivateLan
 {
 protected:
-    void SetUp() override
-    {
-        const char* const lan = std::getenv("TAVRONET_LAN");
-        if (lan == nullptr || std::string_view(lan) != "private")
-            GTEST_SKIP() << "searches only on a private LAN; run under scripts/with-lan";
-    }
-
     void TearDown() override
     {
         UPnPClose();

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,6 +14,7 @@
 #include "tavronet/upnp/UPnPService.h"
 #include "tests/support/GatewayProcess.h"
 #include "tests/support/LoopbackPair.h"
+#include "tests/support/OnPrivateLan.h"
 
 inline std::string Utf8(const CString& text)
 {
@@ -42,16 +41,9 @@ inline std::vector<std::string> Table(CUPnPDevice& device)
 }
 
 /// A test on the private LAN that uses the class interface and notes the events.
-class LanNetwork : public testing::Test
+class LanNetwork : public tavronet::OnPrivateLan
 {
 protected:
-    void SetUp() override
-    {
-        const char* const lan = std::getenv("TAVRONET_LAN");
-        if (lan == nullptr || std::string_view(lan) != "private")
-            GTEST_SKIP() << "searches only on a private LAN; run under scripts/with-lan";
-    }
-
     void TearDown() override
     {
         network.reset();

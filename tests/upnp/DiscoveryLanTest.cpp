@@ -9,19 +9,20 @@
 #include "tavronet/platform/TestSeams.h"
 #include "tavronet/upnp/UPnPSSDPSocket.h"
 #include "tests/support/GatewayProcess.h"
+#include "tests/support/OnPrivateLan.h"
 
 namespace
 {
 
 /// A gateway that hears searches and answers none, and a voice that says to who searched what the test wants.
-class DiscoveryOnALan : public testing::Test
+class DiscoveryOnALan : public tavronet::OnPrivateLan
 {
 protected:
     void SetUp() override
     {
-        const char* const lan = std::getenv("TAVRONET_LAN");
-        if (lan == nullptr || std::string_view(lan) != "private")
-            GTEST_SKIP() << "searches only on a private LAN; run under scripts/with-lan";
+        OnPrivateLan::SetUp();
+        if (IsSkipped())
+            return;
         const std::vector<std::string> options = {"--answer-copies", "0",         "--address",
                                                   "10.77.1.1",       "--address", "fd77:1::1"};
         gateway.emplace(options, tavronet::GatewayProcess::Place::GatewayOfLan);
