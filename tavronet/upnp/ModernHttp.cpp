@@ -97,19 +97,22 @@ bool JoinChunks(std::string_view body, ChunkScan& scan, std::string* joined)
             return false;
         }
         const std::string_view line = body.substr(scan.next, end - scan.next);
-        scan.next = end + 1;
-        scan.behindData = !scan.behindData;
-        if (!scan.behindData)
-            continue; // the line break behind the data
+        const std::size_t behindLine = end + 1;
+        if (scan.behindData) {
+            scan.behindData = false;
+            scan.next = behindLine;
+            continue;
+        }
 
         std::size_t size = 0;
         const bool isChunk = ReadChunkSize(line, size);
         if (isChunk && size == 0)
-            return true;
+            return true; // the scan stays in front of it: asked again, it says the same
         if (joined != nullptr && isChunk)
-            *joined += body.substr(scan.next, size);
-        const bool canArrive = isChunk && size < kNotFound - scan.next;
-        scan.next = canArrive ? scan.next + size : kNotFound;
+            *joined += body.substr(behindLine, size);
+        const bool canArrive = isChunk && size < kNotFound - behindLine;
+        scan.next = canArrive ? behindLine + size : kNotFound;
+        scan.behindData = true;
     }
     return false;
 }

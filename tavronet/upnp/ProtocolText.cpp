@@ -128,6 +128,7 @@ std::size_t DocumentLines::EndOfLine(std::size_t& separator)
 {
     const std::size_t carriageReturn = m_CarriageReturn.From(m_Text, m_Cursor);
     const std::size_t lineFeed = m_LineFeed.From(m_Text, m_Cursor);
+    const bool feedFirst = lineFeed != kNotFound && lineFeed + 1 == carriageReturn;
 
     std::size_t end = 0;
     if (carriageReturn == kNotFound && lineFeed == kNotFound) {
@@ -136,7 +137,7 @@ std::size_t DocumentLines::EndOfLine(std::size_t& separator)
     } else if (carriageReturn == kNotFound) {
         end = lineFeed;
         separator = 1;
-    } else if (lineFeed == carriageReturn + 1 || lineFeed + 1 == carriageReturn) {
+    } else if (lineFeed == carriageReturn + 1 || feedFirst) {
         end = carriageReturn < lineFeed ? carriageReturn : lineFeed;
         separator = 2;
     } else {
