@@ -28,6 +28,8 @@
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/SocketCalls.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/socket/SpareBuffer.h"
+#include "tavronet/socket/VirtualEntry.h"
 
 namespace
 {
@@ -237,22 +239,19 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
 
     const bool queued = m_SendBuffer.Holds();
     const bool direct = !queued && m_pFlushing == nullptr && length > 0 && !OverridesSendData();
-    if (direct)
-        m_SendBuffer.Reserve(length); // for what the system will not take: memory runs out now or not at all
-    else if (!queued && m_pFlushing != nullptr && m_pFlushing->Is(data, length))
+    if (!queued && m_pFlushing != nullptr && m_pFlushing->Is(data, length))
         m_SendBuffer = std::move(m_pFlushing->queue);
-    else
+    else if (!direct) // otherwise they stay where they are until the gate was asked
         m_SendBuffer.Append(data, length);
 
     Sending sending(*this);
     const bool open = OkayToSend();
     if (!sending.guard.Alive())
         return -1;
-    if (direct) {
-        const int taken = open ? SendDirectly(data, length, flags) : 0;
-        if (taken < length)
-            sending.chunk.Append(data + taken, length - taken);
-    }
+    if (direct && open)
+        SendDirectly(sending, data, length, flags);
+    else if (direct)
+        sending.chunk.Append(data, length);
     if (open && !SendChunks(sending, flags))
         return -1;
     if (!open)
@@ -260,41 +259,26 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
     return length;
 }
 
-/// Sends from the caller's memory. @return how many bytes the system took; what stopped it is told again to
-/// whoever sends the rest.
-int CTavroSocket::SendDirectly(const unsigned char* data, int length, int flags)
+/// Sends from the caller's memory. What the system does not take becomes the chunk; what stopped it is told
+/// again to whoever sends that.
+void CTavroSocket::SendDirectly(Sending& sending, const unsigned char* data, int length, int flags)
 {
-    const int taken = CAsyncSocket::Send(data, length, flags);
-    if (taken <= 0)
-        return 0;
-    m_Tick = GetTickCount();
-    return taken;
+    tavronet::ByteBuffer rest = tavronet::TakeSpareBuffer(length); // memory runs out now or not at all
+    const int taken = std::max(CAsyncSocket::Send(data, length, flags), 0);
+    if (taken > 0)
+        m_Tick = GetTickCount();
+    if (taken == length)
+        return tavronet::GiveSpareBuffer(std::move(rest));
+    rest.Append(data + taken, length - taken);
+    sending.chunk = std::move(rest);
 }
 
 /// Whether a derived class has a SendData of its own, which is promised a private copy of the bytes.
-///
-/// Asked of the tables of virtual functions, whose layout the C++ ABI of this machine fixes: a pointer to a
-/// virtual member function holds one more than the function's place in the table.
 bool CTavroSocket::OverridesSendData() const
 {
-#ifdef __x86_64__
-    static const void* const base = SendDataEntry(CTavroSocket());
-    return SendDataEntry(*this) != base;
-#else
-    return true;
-#endif
-}
-
-const void* CTavroSocket::SendDataEntry(const CTavroSocket& socket)
-{
-    int (CTavroSocket::*const member)(unsigned char*, int, int) = &CTavroSocket::SendData;
-    std::ptrdiff_t place = 0;
-    std::memcpy(&place, &member, sizeof place);
-    const char* table = nullptr;
-    std::memcpy(&table, static_cast<const void*>(&socket), sizeof table);
-    const void* entry = nullptr;
-    std::memcpy(&entry, table + place - 1, sizeof entry);
-    return entry;
+    constexpr Transfer member = &CTavroSocket::SendData;
+    static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
+    return base == nullptr || tavronet::VirtualEntry(*this, member) != base;
 }
 
 /// A Send inside a hook of the running one: goes behind it without asking the hooks again.

@@ -238,6 +238,7 @@ private:
     struct Sending;
     struct Flushing;
     struct Reading;
+    using Transfer = int (CTavroSocket::*)(unsigned char*, int, int);
 
     /// The forms of CAsyncSocket take the same road as the byte forms.
     int Receive(void* buffer, int length, int flags) override;
@@ -247,15 +248,18 @@ private:
     bool BindOrClose(const sockaddr* address, int addressLength);
 
     int SendLater(const unsigned char* data, int length);
-    int SendDirectly(const unsigned char* data, int length, int flags);
+    void SendDirectly(Sending& sending, const unsigned char* data, int length, int flags);
     bool OverridesSendData() const;
-    static const void* SendDataEntry(const CTavroSocket& socket);
+    bool OverridesReceiveData() const;
     bool SendChunks(Sending& sending, int flags);
     bool NextChunk(Sending& sending);
     void QueueUnsent(Sending& sending);
 
     bool ReadPasses(const tavronet::LifetimeGuard& guard, std::uint64_t handle);
     bool ReadPass(Reading& reading);
+    int ReadUnasked(Reading& reading);
+    int ReadRest(Reading& reading, int received);
+    bool PassOn(Reading& reading, int received, int held);
     int PeekWaiting();
     bool DeliverReceived(Reading& reading, int received, int held);
     void KeepReceived(unsigned char* array, int capacity, const unsigned char* rest, int length);
@@ -268,6 +272,7 @@ private:
     bool m_Connected : 1 = false;
     bool m_Connecting : 1 = false;
     bool m_PlainSend : 1 = false; // the last SendData ended in the base, which never takes a chunk over
+    bool m_BulkInput : 1 = false; // more comes at a time than the spare array holds
 
     tavronet::ByteBuffer m_ReceiveBuffer;
     mutable tavronet::ByteBuffer m_SendBuffer; // GetSendBuffer moves the bytes to the start of their array

@@ -3,13 +3,19 @@
 // The road of a read notification, and what it costs:
 //
 //   OnReceive -> OkayToReceive, OnReceivePreRead
-//     -> peek: how much waits          FIONREAD; no system call when the socket is known to be drained
-//     -> room behind the held bytes    one array of the exact size; it doubles while a consumer holds bytes
-//     back
+//     nothing held, no ReceiveData of a derived class:
+//     -> read unasked                  one receive into the thread's spare array, which most messages fit;
+//                                      no system call when the socket is known to be drained
+//     otherwise, and while input comes in bulk:
+//     -> peek: how much waits          FIONREAD; no system call when drained, as above
+//     -> room behind the held bytes    the spare array, or one of the exact size; it doubles while a
+//                                      consumer holds bytes back
 //     -> read                          one receive
+//     in both cases:
 //     -> OnReceivePreProcessResponse   may transform what arrived
 //     -> ProcessReceiveBuffer          ProcessReceive consumes; the rest stays in the array when it fills it
-//                                      tolerably, otherwise it moves to a smaller one
+//                                      tolerably, otherwise it moves to a smaller one and the array is the
+//                                      thread's spare one again
 //     -> OkayToReceive                 closed: a missed receive; open: the next pass, which usually finds the
 //                                      socket drained and ends the notification
 //
@@ -27,9 +33,12 @@
 
 #include "tavronet/net/AddressText.h"
 #include "tavronet/platform/ByteArray.h"
+#include "tavronet/platform/Exceptions.h"
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/SocketCalls.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/socket/SpareBuffer.h"
+#include "tavronet/socket/VirtualEntry.h"
 
 namespace
 {
@@ -41,7 +50,7 @@ constexpr int kMaxReadPasses = 32;
 constexpr UINT kStackPeekBytes = 10240;
 
 /// An array that is larger than twice its bytes and this is not kept for them.
-constexpr int kSpareBytes = 256;
+constexpr int kTolerableWaste = 256;
 
 /// Whether a consumer left a part of what it was offered. No pointers are compared that may be unrelated.
 bool LiesWithin(const unsigned char* rest, int left, const unsigned char* buffer, int length)
@@ -80,12 +89,27 @@ struct CTavroSocket::Reading
     int Detach(int more)
     {
         tavronet::ByteBuffer& held = socket.m_ReceiveBuffer;
-        held.Reserve(more);
+        if (held.Holds())
+            held.Reserve(more);
+        else
+            held = tavronet::TakeSpareBuffer(more);
         const int size = held.Size();
-        capacity = held.Capacity();
-        array = held.Release();
-        owns = true;
+        Hold(std::move(held));
         return size;
+    }
+
+    void Hold(tavronet::ByteBuffer buffer)
+    {
+        capacity = buffer.Capacity();
+        array = buffer.Release();
+        owns = true;
+    }
+
+    /// Gives up the array.
+    tavronet::ByteBuffer Let(int size)
+    {
+        owns = false;
+        return {std::exchange(array, nullptr), size, capacity};
     }
 
     CTavroSocket& socket;
@@ -153,15 +177,21 @@ bool CTavroSocket::ReadPass(Reading& reading)
         return false;
 
     reading.askedAgain = false;
+    if (!m_BulkInput && !m_ReceiveBuffer.Holds() && !OverridesReceiveData()) {
+        const int received = ReadUnasked(reading);
+        return received > 0 ? PassOn(reading, received, 0) : OnReceiveNoDataContinue(received);
+    }
+
     const int waiting = PeekWaiting();
     if (!reading.GoesOn())
         return false;
     if (waiting <= 0)
         return OnReceiveNoDataContinue(waiting);
 
-    int held = reading.Detach(waiting);
+    m_BulkInput = waiting > tavronet::kSpareBytes;
+    const int held = reading.Detach(waiting);
     WSASetLastError(0); // a result of 0 says nothing by itself
-    int received = ReceiveData(reading.array + held, waiting, 0);
+    const int received = ReceiveData(reading.array + held, waiting, 0);
     const int error = WSAGetLastError();
     if (!reading.guard.Alive())
         return false;
@@ -172,9 +202,44 @@ bool CTavroSocket::ReadPass(Reading& reading)
         m_MissedReceive = true;
         return false;
     }
-    if (!DeliverReceived(reading, std::min(received, waiting), held))
-        return false;
+    return PassOn(reading, std::min(received, waiting), held);
+}
 
+/// @return what the receive gave; the frame holds the array only when bytes came.
+int CTavroSocket::ReadUnasked(Reading& reading)
+{
+    reading.Detach(tavronet::kSpareBytes);
+    const int received = CAsyncSocket::Receive(reading.array, tavronet::kSpareBytes, 0);
+    if (received <= 0)
+        tavronet::GiveSpareBuffer(reading.Let(0));
+    return received == tavronet::kSpareBytes ? received + ReadRest(reading, received) : received;
+}
+
+/// The array is full: what else waits belongs to the same pass. @return how much that was.
+int CTavroSocket::ReadRest(Reading& reading, int received)
+{
+    UINT waiting = 0;
+    if (!WaitingBytes(waiting) || waiting == 0)
+        return 0;
+    m_BulkInput = true;
+    const int more = static_cast<int>(std::min<UINT>(waiting, INT_MAX));
+    tavronet::ByteBuffer all = reading.Let(received);
+    int rest = 0;
+    try {
+        all.Reserve(more);
+        rest = std::max(CAsyncSocket::Receive(all.Data() + received, more, 0), 0);
+    } catch (CMemoryException* exception) {
+        exception->Delete(); // what came is passed on, the rest goes on waiting
+    }
+    reading.Hold(std::move(all));
+    return rest;
+}
+
+/// Hands what was read to the hooks. @return whether to start another pass.
+bool CTavroSocket::PassOn(Reading& reading, int received, int held)
+{
+    if (!DeliverReceived(reading, received, held))
+        return false;
     if (OkayToReceive())
         return true;
     if (reading.guard.Alive())
@@ -193,6 +258,14 @@ int CTavroSocket::PeekWaiting()
     }
     unsigned char buffer[kStackPeekBytes];
     return ReceiveData(buffer, static_cast<int>(size), MSG_PEEK);
+}
+
+/// Whether a derived class reads from another source, or wants to see the reads.
+bool CTavroSocket::OverridesReceiveData() const
+{
+    constexpr Transfer member = &CTavroSocket::ReceiveData;
+    static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
+    return base == nullptr || tavronet::VirtualEntry(*this, member) != base;
 }
 
 int CTavroSocket::ReceiveData(unsigned char* buffer, int length, int flags)
@@ -256,16 +329,27 @@ bool CTavroSocket::ProcessReceiveBuffer(unsigned char*& buffer, int& length)
 void CTavroSocket::KeepReceived(unsigned char* array, int capacity, const unsigned char* rest, int length)
 {
     tavronet::ByteBuffer kept;
-    const bool fits = capacity > 0 && capacity <= 2LL * length + kSpareBytes;
-    if (length > 0 && fits) {
+    bool stays = capacity > 0 && capacity <= 2LL * length + kTolerableWaste;
+    if (length > 0 && !stays) {
+        try {
+            kept.Append(rest, length);
+        } catch (CMemoryException* exception) {
+            if (capacity == 0)
+                throw;
+            exception->Delete();
+            stays = true; // too large rather than lost
+        }
+    }
+    if (length > 0 && stays) {
         if (rest != array)
             std::memmove(array, rest, static_cast<std::size_t>(length));
         kept = tavronet::ByteBuffer(std::exchange(array, nullptr), length, capacity);
-    } else if (length > 0) {
-        kept.Append(rest, length);
     }
     m_ReceiveBuffer = std::move(kept);
-    delete[] array;
+    if (array != nullptr && capacity > 0)
+        tavronet::GiveSpareBuffer({array, 0, capacity});
+    else
+        delete[] array;
 }
 
 // --- The hooks as they are without a derived class
