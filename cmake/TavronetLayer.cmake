@@ -101,6 +101,10 @@ function(tavronet_test name)
     target_link_libraries(${name} PRIVATE
         tavronet_test_support ${layer_target} ${test_LIBRARIES} GTest::gmock GTest::gtest_main)
 
+    if(TAVRONET_WHOLE_PROGRAM) # whole-program optimisation of every test program would take minutes
+        target_link_options(${name} PRIVATE -fno-lto -fno-use-linker-plugin)
+    endif()
+
     if(test_IN_LAN)
         set_target_properties(${name} PROPERTIES
             CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/tests/support/run-in-lan;${test_LAN_OPTIONS};--")
