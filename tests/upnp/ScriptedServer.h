@@ -1,5 +1,6 @@
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -27,16 +28,19 @@ inline std::string HttpAnswer(const std::string& body, const std::string& status
     return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-/// An HTTP server of a few lines on plain sockets of the loopback, in the test's own thread: it moves on whenever
+/// An HTTP server of a few lines on plain sockets, of the loopback unless told otherwise, in the test's own thread: it moves on whenever
 /// that thread waits, so it also answers inside a blocking operation.
 class ScriptedServer
 {
 public:
     using Reply = std::pair<std::string, bool>;
 
-    ScriptedServer() : m_Listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    /// @param listener a socket that does not block, of another network for instance.  @param port 0 for any.
+    explicit ScriptedServer(int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0),
+                            const std::string& host = "127.0.0.1", unsigned port = 0)
+        : m_Listener(listener), m_Host(host)
     {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {inet_addr(host.c_str())}, {}};
         auto* const raw = reinterpret_cast<sockaddr*>(&address);
         socklen_t length = sizeof address;
         EXPECT_EQ(bind(m_Listener, raw, length), 0);
@@ -61,7 +65,7 @@ public:
     ScriptedServer& operator=(const ScriptedServer&) = delete;
 
     std::string Port() const { return std::to_string(m_Port); }
-    std::string Url(const std::string& path) const { return "http://127.0.0.1:" + Port() + path; }
+    std::string Url(const std::string& path) const { return "http://" + m_Host + ":" + Port() + path; }
 
     /// The answer to the next request that has none yet; a request without an answer is left waiting.
     void Answer(std::string bytes, bool close = false) { m_Script.emplace_back(std::move(bytes), close); }
@@ -143,6 +147,7 @@ private:
     inline static std::vector<ScriptedServer*> s_Servers;
 
     const int m_Listener;
+    const std::string m_Host;
     unsigned m_Port = 0;
     std::vector<Connection> m_Connections;
     std::vector<std::string> m_Requests;

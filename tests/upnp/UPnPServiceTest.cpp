@@ -215,37 +215,4 @@ TEST_F(UPnPService, AnActionIssuedBetweenTheAnswerAndTheEndOfTheWaitIsQueued)
     EXPECT_EQ(Value(), "1.2.3.4");
 }
 
-TEST_F(UPnPService, UpkeepReleasesAConnectionThatIsIdleOrSlowAndGoesOnWithTheQueue)
-{
-    for (const DWORD start : {1000000U, 0xFFFFFFFFu - 1000}) {
-        const std::size_t first = server.Connections();
-        TestClock clock(start);
-        EXPECT_TRUE(Send("Silent") && Send("Slow") && AwaitRequests(first + 1));
-        clock.Advance(tavronet::kIdleConnectionMs);
-        EXPECT_TRUE(service->Tickle());
-        PumpBriefly();
-        EXPECT_EQ(server.Connections(), first + 1) << "exactly 30 s is not yet idle";
-        clock.Advance(1);
-        EXPECT_TRUE(service->Tickle());
-        EXPECT_TRUE(AwaitRequests(first + 2));
-        EXPECT_EQ(LastAction(), "Slow");
-
-        for (int i = 0; i < 6; ++i) {
-            clock.Advance(10000);
-            server.Write(first + 1, "x"); // activity, but never an answer
-            PumpBriefly(10);
-            service->Tickle();
-            EXPECT_FALSE(server.ClosedByClient(first + 1));
-        }
-        clock.Advance(1);
-        service->Tickle();
-        EXPECT_TRUE(PumpUntil([&] { return server.ClosedByClient(first + 1); }));
-    }
-    TestClock clock(0xFFFFFFFFu - 1000); // idle time is a sum: here it has wrapped and the counter has not
-    EXPECT_TRUE(Send("Silent") && AwaitRequests(5));
-    clock.Advance(1);
-    service->Tickle();
-    EXPECT_TRUE(PumpUntil([&] { return server.ClosedByClient(4); }));
-}
-
 } // namespace
