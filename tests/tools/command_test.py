@@ -235,24 +235,29 @@ class Watch(Case):
     def test_tells_what_comes_and_goes(self):
         gateway = self.simulated("--external-ip", "203.0.113.9")
         watching = subprocess.Popen([COMMAND, "watch", "--interval", "0.1", "--json"], stdout=subprocess.PIPE,
-                                    text=True)
+                                    bufsize=0)  # so that select sees all that is not read yet
         self.addCleanup(watching.stdout.close)
         self.addCleanup(watching.kill)
 
-        def next_event():
+        def next_event(skipped="mappings_verified"):
             self.assertTrue(select.select([watching.stdout], [], [], 20)[0], "nothing told")
             event = json.loads(watching.stdout.readline())
             self.assertRegex(event["time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
             self.assertEqual(event["gateway"], gateway.url)
-            return event["event"], event["value"]
+            return next_event(skipped) if event["event"] == skipped else (event["event"], event["value"])
 
         self.assertEqual(next_event()[0], "gateway_found")
         self.assertEqual(next_event(), ("external_address", "203.0.113.9"))
-        self.ran(DONE, "add", "8080")
-        event, mapping = next_event()
-        self.assertEqual((event, mapping["external_port"]), ("mapping_added", 8080))
-        self.ran(DONE, "delete", "8080")
-        self.assertEqual(next_event(), ("mapping_removed", mapping))
+        for client, end in (("10.77.1.99", "mapping_removed"), (LOCAL, "mapping_lost")):
+            self.ran(DONE, "add", "8080", "--client", client)
+            event, mapping = next_event()
+            self.assertEqual((event, mapping["external_port"]), ("mapping_added", 8080))
+            self.assertEqual(next_event(skipped=""), ("mappings_verified", 1))
+            self.ran(DONE, "delete", "8080")
+            self.assertEqual(next_event(), (end, mapping))
+        gateway.process.send_signal(signal.SIGUSR1)
+        told = [next_event()[0] for _ in range(3)]
+        self.assertEqual(told, ["gateway_gone", "gateway_found", "external_address"], "says goodbye and stays")
         gateway.stop()
         self.assertEqual(next_event()[0], "gateway_gone")
 

@@ -134,7 +134,8 @@ void DefineCommands(CLI::App& app, Options& options)
         *DefineCommand(app, options, "delete-range", "delete mappings of consecutive ports", RunDeleteRange),
         options);
     CLI::App* const watch = DefineCommand(
-        app, options, "watch", "show gateways and mappings come and go, until interrupted", RunWatch);
+        app, options, "watch",
+        "show gateways and mappings come and go, and that they are still there, until interrupted", RunWatch);
     watch->add_option("--for", options.watchSeconds, "end after this time")
         ->check(InRange(0.1, 1e6))
         ->type_name("SECONDS");

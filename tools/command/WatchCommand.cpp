@@ -40,6 +40,7 @@ public:
     /// One exchange after the other with each gateway.
     void Look()
     {
+        m_Verified = 0;
         const auto gateways = m_Session.Gateways();
         ForgetAllBut(gateways);
         for (CUPnPDevice* const gateway : gateways)
@@ -52,6 +53,16 @@ public:
         const auto gateways = m_Session.Gateways();
         return gateways.size() != m_Known.size() ||
                std::ranges::any_of(gateways, [this](CUPnPDevice* g) { return !m_Known.contains(KeyOf(*g)); });
+    }
+
+    /// "Watching 1 gateway, 3 mappings verified".
+    [[nodiscard]] std::string Summary() const
+    {
+        const auto counted = [](std::size_t count, const char* what) {
+            return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+        };
+        return "Watching " + counted(m_Known.size(), "gateway") + ", " + counted(m_Verified, "mapping") +
+               " verified";
     }
 
 private:
@@ -109,10 +120,19 @@ private:
         const auto lacks = [](const Json& list, const Json& mapping) {
             return std::ranges::find(list, mapping) == list.end();
         };
+        std::size_t verified = 0;
         for (const Json& mapping : known.mappings) {
-            if (lacks(now, mapping))
+            const bool isOurs = mapping.at("internal_client") == known.facts.at("local_address");
+            if (!lacks(now, mapping))
+                ++verified;
+            else if (isOurs)
+                Tell("mapping_lost", known, mapping, "lost: " + MappingLine(mapping));
+            else
                 Tell("mapping_removed", known, mapping, "removed: " + MappingLine(mapping));
         }
+        if (verified > 0)
+            TellProgram("mappings_verified", known, verified);
+        m_Verified += verified;
         for (const Json& mapping : now) {
             if (lacks(known.mappings, mapping))
                 Tell("mapping_added", known, mapping, "added: " + MappingLine(mapping));
@@ -122,20 +142,29 @@ private:
 
     void Tell(const char* event, const Known& gateway, const Json& value, const std::string& line)
     {
+        TellProgram(event, gateway, value);
         const std::time_t now = std::time(nullptr);
-        std::tm local{}, universal{};
+        std::tm local{};
         ::localtime_r(&now, &local);
+        m_Output.Line(FormatTime("%H:%M:%S  ", local) + line);
+    }
+
+    /// What would flood a page; on a terminal people see it in the progress line.
+    void TellProgram(const char* event, const Known& gateway, const Json& value)
+    {
+        const std::time_t now = std::time(nullptr);
+        std::tm universal{};
         ::gmtime_r(&now, &universal);
         m_Output.Event({{"time", FormatTime("%Y-%m-%dT%H:%M:%SZ", universal)},
                         {"event", event},
                         {"gateway", gateway.facts.at("description_url")},
                         {"value", value}});
-        m_Output.Line(FormatTime("%H:%M:%S  ", local) + line);
     }
 
     Session& m_Session;
     const Output& m_Output;
     std::map<std::string, Known> m_Known;
+    std::size_t m_Verified = 0; // mappings that the last look found as they were before
 };
 
 } // namespace
@@ -153,7 +182,7 @@ int RunWatch(const Options& options, const Output& output, HANDLE interrupt)
     Watcher watcher(session, output);
     while (left() > 0 && !session.Interrupted()) {
         session.Pump([&] { return watcher.Outdated(); },
-                     std::min(left(), Milliseconds(options.intervalSeconds)), "Watching");
+                     std::min(left(), Milliseconds(options.intervalSeconds)), watcher.Summary().c_str());
         if (!session.Interrupted())
             watcher.Look();
     }
