@@ -271,8 +271,11 @@ protected:
     {
         const std::size_t count = std::min(m_Datagram.size(), static_cast<std::size_t>(length));
         std::memcpy(buffer, m_Datagram.data(), count);
-        auto& sender = reinterpret_cast<sockaddr_in&>(*address);
-        sender = {AF_INET, htons(1900), {inet_addr("10.77.1.1")}, {}};
+        // Who names IPv6 addresses has one.
+        if (m_Datagram.find("//[") == m_Datagram.npos)
+            reinterpret_cast<sockaddr_in&>(*address) = {AF_INET, htons(1900), {inet_addr("10.77.1.1")}, {}};
+        else
+            reinterpret_cast<sockaddr_in6&>(*address) = {AF_INET6, htons(1900), 0, in6addr_loopback, 0};
         return static_cast<int>(count);
     }
 
@@ -337,10 +340,12 @@ private:
     void Hear(const std::string& firstLine)
     {
         const char* const ages[] = {"max-age=1800", "max-age=1", "max-age=-5", "no-cache"};
-        const std::string usn = "uuid:gw-" + std::to_string(m_Script.Number(4));
-        std::string location = m_Gateway.Url() + "/d";
-        if (const unsigned kind = m_Script.Number(3); kind != 0)
-            location = kind == 1 ? m_Script.Text() : "";
+        const std::string usn = "uuid:gw-" + std::to_string(1 + m_Script.Number(40));
+        const unsigned where = m_Script.Number(4);
+        const std::string location = where == 0   ? m_Gateway.Url() + "/d"
+                                     : where == 1 ? m_Script.Text()
+                                     : where == 2 ? m_Gateway.Url() + m_Script.Text()
+                                                  : std::string();
         m_pEar->Hear(firstLine + "\r\nLOCATION: " + location +
                      "\r\nCACHE-CONTROL: " + ages[m_Script.Number(4)] + "\r\nUSN: " + usn +
                      "::urn:schemas-upnp-org:device:WANConnectionDevice:1\r\n\r\n");
@@ -349,10 +354,12 @@ private:
     void Move()
     {
         ++m_Moves;
-        const unsigned char byte = static_cast<unsigned char>(m_Script.Take());
-        const char move = static_cast<char>('a' + (byte - 'a') % 26U);
+        constexpr std::string_view kMoves = "abcdefghijklmnopqrstuvwxyzAG";
+        const char byte = m_Script.Take();
         if (byte >= '0' && byte <= '9') // an argument too many
             return;
+        const bool isMove = kMoves.find(byte) != kMoves.npos;
+        const char move = isMove ? byte : kMoves[static_cast<unsigned char>(byte) % kMoves.size()];
         switch (move) {
         case 'h': return Hear("HTTP/1.1 200 OK");
         case 'u': return Hear("NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive");
@@ -395,11 +402,29 @@ private:
         case 'r': m_pNetwork->ReleaseUPnPDevice(&device); break;
         case 's': device.SetRelease(true); break;
         case 'z': device.RequestDescription(); break;
-        default: // an action that nobody waits for
+        case 'A': // an action that nobody waits for
             if (CUPnPService* const service = device.FindConnectionService())
                 service->Command(false, nullptr, "GetExternalIPAddress", "NewExternalIPAddress", "", nullptr);
+            break;
+        default: return LookAt(device);
         }
         CUPnPDevice::ReleasePortMaps(list);
+    }
+
+    void LookAt(CUPnPDevice& device)
+    {
+        constexpr const char* kService = "urn:schemas-upnp-org:service:WANIPConnection:1";
+        unsigned int start = 0, end = 0;
+        device.GetStartEndPorts(start, end);
+        Expect(start <= end);
+        for (std::size_t i = 0; i < device.NumPortMaps(); ++i)
+            Expect(device.GetPortMap(static_cast<int>(i)) != nullptr);
+        Expect(device.MatchingDevice(Narrow(device.GetUSN())));
+        Expect(m_pNetwork->GetUPnPDevice(&device) != nullptr);
+        CUPnPService* const service = m_pNetwork->FindService(kGatewayAddress, kService);
+        Expect(service == nullptr || m_pNetwork->FindDevice(kGatewayAddress) != nullptr);
+        if (service != nullptr)
+            service->ReleaseCommandQueue();
     }
 
     void PassTime()
@@ -514,7 +539,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     if (EnterPrivateNetwork())
         return 0;
-    std::puts("Skipped: no network namespace of its own, and a description may name any address.");
+    std::puts("SKIPPED: no network namespace here, and a description may name any address");
     std::exit(77);
 }
 
