@@ -115,6 +115,11 @@ std::wstring WithoutDots(std::wstring_view path)
     return result + std::wstring(query);
 }
 
+CString ResolvedPath(std::wstring_view path)
+{
+    return CString(WithoutDots(SendablePath(path).View())); // in this order: a fragment may follow the dots
+}
+
 /// The address that a URL of a description means.
 /// @param base what a relative one is relative to.
 URLParts Resolve(const URLParts& base, const CString& reference)
@@ -127,13 +132,12 @@ URLParts Resolve(const URLParts& base, const CString& reference)
     else if (url.empty())
         target.path.Empty(); // nothing to send an action to
     else if (url.starts_with(L'/'))
-        target.path = SendablePath(WithoutDots(url));
+        target.path = ResolvedPath(url);
     else {
         const std::wstring_view path = base.path.View().substr(0, base.path.View().find(L'?'));
         const std::wstring_view folder = path.substr(0, path.rfind(L'/') + 1);
         const std::wstring_view start = url.starts_with(L'?') ? path : folder;
-        target.path =
-            SendablePath(WithoutDots(std::wstring(start.empty() ? L"/" : start) + std::wstring(url)));
+        target.path = ResolvedPath(std::wstring(start.empty() ? L"/" : start) + std::wstring(url));
     }
 
     // Devices that do not know their own address write none, or the wildcard.
