@@ -20,7 +20,9 @@
 #include "tavronet/net/LocalInterfaces.h"
 
 #include "tavronet/socket/ByteBuffer.h"
+#include "tavronet/socket/TavroProductSocket.h"
 #include "tavronet/socket/TavroSocket.h"
+#include "tavronet/socket/ZLibCompression.h"
 
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDeviceSocket.h"

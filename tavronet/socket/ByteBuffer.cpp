@@ -77,6 +77,12 @@ ByteBuffer ByteBuffer::Copy() const
     return copy;
 }
 
+void ByteBuffer::Extend(int count)
+{
+    m_Size += count;
+    Data()[m_Size] = 0;
+}
+
 void ByteBuffer::DropFront(int count)
 {
     const int dropped = std::min(count, m_Size);

@@ -45,6 +45,9 @@ public:
     /// Copies bytes behind the present ones; they may be part of this buffer. Throws as Reserve.
     void Append(const unsigned char* data, int length);
 
+    /// Counts bytes in that were written behind the present ones, into room of Reserve.
+    void Extend(int count);
+
     void DropFront(int count);
 
     /// Whether Data() is the start of the array, so that whoever takes the array over can use delete[] on it.

@@ -428,6 +428,11 @@ tavronet::ByteBuffer CTavroSocket::TakeSendChunk()
     return m_pSending != nullptr ? std::move(m_pSending->chunk) : tavronet::ByteBuffer();
 }
 
+bool CTavroSocket::IsSendChunk(const unsigned char* data, int length) const
+{
+    return m_pSending != nullptr && m_pSending->chunk.Data() == data && m_pSending->chunk.Size() == length;
+}
+
 // --- Names and addresses
 
 void CTavroSocket::SetTick()

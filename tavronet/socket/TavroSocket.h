@@ -223,6 +223,8 @@ protected:
     /// Inside SendData: makes the caller the owner of the bytes offered, which stay where they are. Send then
     /// neither frees nor queues them, whatever SendData returns.
     tavronet::ByteBuffer TakeSendChunk();
+    /// Inside SendData: whether these are all the bytes that Send has offered, where it has offered them.
+    bool IsSendChunk(const unsigned char* data, int length) const;
 
     /// The bytes received and not consumed, null when there are none; a zero byte follows. During a pass the
     /// pipeline holds them and this is null.

@@ -15,13 +15,16 @@
     result name parameters override                                                      \
     {                                                                                    \
         return Around<result>(#name, [&]() -> result {                                   \
-            return name##Script ? name##Script arguments : CTavroSocket::name arguments; \
+            return name##Script ? name##Script arguments : HookBase::name arguments; \
         });                                                                              \
     }
 
 /// A socket whose hooks do what a test says.
-class ScriptedSocket : public CTavroSocket
+template <typename Base>
+class ScriptedSocketOf : public Base
 {
+    using HookBase = Base;
+
 public:
     SCRIPTED_HOOK(bool, OkayToReceive, (), ())
     SCRIPTED_HOOK(bool, OnReceivePreRead, (), ())
@@ -41,27 +44,27 @@ public:
     SCRIPTED_HOOK(void, OnClose, (int error), (error))
     std::function<void(const std::string& hook, bool after)> around;
 
-    using CTavroSocket::ClearSendBuffer;
-    using CTavroSocket::GetReceiveBuffer;
-    using CTavroSocket::GetReceiveBufferSize;
-    using CTavroSocket::GetSendBuffer;
-    using CTavroSocket::GetSendBufferSize;
-    using CTavroSocket::ReleaseReceiveBuffer;
-    using CTavroSocket::TakeReceiveBuffer;
-    using CTavroSocket::TakeSendChunk;
+    using Base::ClearSendBuffer;
+    using Base::GetReceiveBuffer;
+    using Base::GetReceiveBufferSize;
+    using Base::GetSendBuffer;
+    using Base::GetSendBufferSize;
+    using Base::ReleaseReceiveBuffer;
+    using Base::TakeReceiveBuffer;
+    using Base::TakeSendChunk;
 
     template <typename Text>
     int Send(const Text& text)
     {
-        return CTavroSocket::Send(text);
+        return Base::Send(text);
     }
-    int BaseSend(unsigned char* data, int length) { return CTavroSocket::Send(data, length, 0); }
-    int BaseSendData(unsigned char* data, int length) { return CTavroSocket::SendData(data, length, 0); }
-    bool GateIsOpen() { return CTavroSocket::OkayToSend(); }
+    int BaseSend(unsigned char* data, int length) { return Base::Send(data, length, 0); }
+    int BaseSendData(unsigned char* data, int length) { return Base::SendData(data, length, 0); }
+    bool GateIsOpen() { return Base::OkayToSend(); }
     void Renew()
     {
-        Close();
-        EXPECT_EQ(Create(0, SOCK_DGRAM, FD_ALL, L"127.0.0.1", 0), 1);
+        this->Close();
+        EXPECT_EQ(this->Create(0, SOCK_DGRAM, FD_ALL, L"127.0.0.1", 0), 1);
     }
 
     [[nodiscard]] std::string Queued() const { return Text(GetSendBuffer(), GetSendBufferSize()); }
@@ -71,7 +74,7 @@ public:
         return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
     }
 
-private:
+protected:
     template <typename Result, typename Call>
     Result Around(const char* hook, Call call)
     {
@@ -93,6 +96,7 @@ private:
     }
 };
 
+using ScriptedSocket = ScriptedSocketOf<CTavroSocket>;
 using Pair = tavronet::LoopbackPair<ScriptedSocket>;
 
 /// What SendData or ReceiveData answers.

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "ScriptedSocket.h"
+#include "tavronet/socket/TavroProductSocket.h"
+#include "tavronet/socket/ZLibCompression.h"
+#include "tavronet/socket/ZLibLibrary.h"
+
+/// A connection of a host whose hooks do what a test says.
+class ScriptedProduct : public ScriptedSocketOf<CTavroProductSocket>
+{
+    using HookBase = CTavroProductSocket;
+
+public:
+    SCRIPTED_HOOK(void, SetSocketOptions, (), ())
+    SCRIPTED_HOOK(void, PostClose, (), ())
+    SCRIPTED_HOOK(void, BytesInCompressed, (int plain, int wire), (plain, wire))
+    SCRIPTED_HOOK(void, BytesOutCompressed, (int plain, int wire), (plain, wire))
+    SCRIPTED_HOOK(void, NotifyInflateError, (), ())
+
+    using CTavroProductSocket::GetCompressionLevel;
+    using CTavroProductSocket::GetMissedReceive;
+    using CTavroProductSocket::GetPendingPackets;
+    using CTavroProductSocket::IncrementPendingPackets;
+    using CTavroProductSocket::InitCompression;
+    using CTavroProductSocket::SendData;
+    using CTavroProductSocket::SetCompressionLevel;
+    using CTavroProductSocket::SetMaxInflatedBytes;
+    using CTavroProductSocket::UsingCompression;
+
+    void BaseSetOkayToSend(bool allowed) { CTavroProductSocket::SetOkayToSend(allowed); }
+
+    /// Has ProcessReceive take everything.
+    void Collect()
+    {
+        ProcessReceiveScript = [this](unsigned char*& buffer, int& length) {
+            received += Text(buffer, std::exchange(length, 0));
+            return true;
+        };
+    }
+    std::string received;
+};
+
+using ProductPair = tavronet::LoopbackPair<ScriptedProduct>;
+
+/// zlib for compressors, which the library's start-up brings along and a test program does not.
+struct WithZLib
+{
+    WithZLib() { tavronet::SetZLibLibrary(&library); }
+    ~WithZLib() { tavronet::SetZLibLibrary(nullptr); }
+    WithZLib(const WithZLib&) = delete;
+    WithZLib& operator=(const WithZLib&) = delete;
+
+    CZLibDLL library;
+};
+
+/// The other end of a compressed connection.
+class ZlibPeer
+{
+public:
+    ZlibPeer() { EXPECT_TRUE(m_Streams.Init(15)); }
+
+    std::string Deflated(const std::string& text, int flush = CZLibCompression::kFullFlush)
+    {
+        BYTE* output = nullptr;
+        int length = 0;
+        EXPECT_TRUE(m_Streams.Compress(reinterpret_cast<const BYTE*>(text.data()),
+                                       static_cast<int>(text.size()), &output, &length, flush, nullptr));
+        const std::unique_ptr<BYTE[]> owned(output);
+        return ScriptedSocket::Text(output, length);
+    }
+
+    std::string Inflated(const std::string& wire)
+    {
+        std::string text;
+        BYTE room[65536];
+        BYTE* output = room;
+        const BYTE* input = reinterpret_cast<const BYTE*>(wire.data());
+        int length = static_cast<int>(wire.size());
+        for (int produced = sizeof room;
+             length > 0 && m_Streams.Decompress(input, length, &output, &produced, nullptr);
+             input = nullptr, length = 1, produced = sizeof room)
+            text += ScriptedSocket::Text(room, produced);
+        return text;
+    }
+
+private:
+    CZLibCompression m_Streams{6};
+};
