@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -226,6 +227,7 @@ BOOL CAsyncSocket::AsyncSelect(LONG events)
     if (!(events & FD_CONNECT))
         m_State &= ~UINT{State::ConnectOwed};
     m_State &= ~UINT{State::Drained}; // somebody may have read past this class
+    m_Announced = 0;
     m_State |= State::ReadArmed | State::AcceptArmed;
     if (m_State & State::Listening)
         m_State |= State::Input; // an Accept that failed for want of descriptors has given up on it
@@ -242,6 +244,17 @@ void CAsyncSocket::RequestRead()
     if (m_hSocket == INVALID_SOCKET)
         return;
     m_State |= State::ReadRequested;
+    AsyncSocketDelivery::Queue(*this);
+}
+
+void CAsyncSocket::RequestWrite()
+{
+    if (m_hSocket == INVALID_SOCKET)
+        return;
+    pollfd room{static_cast<int>(m_hSocket), POLLOUT, 0};
+    const bool writable =
+        poll(&room, 1, 0) == 1; // it may take data again already, and reports that only once
+    m_State = (m_State & ~UINT{State::Writable}) | State::WriteOwed | (writable ? UINT{State::Writable} : 0);
     AsyncSocketDelivery::Queue(*this);
 }
 

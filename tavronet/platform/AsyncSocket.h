@@ -70,6 +70,10 @@ public:
     /// input of their own. Ignored without a handle.
     void RequestRead();
 
+    /// Makes FD_WRITE due when the system takes data again: for owners that let somebody else write to the handle, who
+    /// has met a would-block. To be called right after it.
+    void RequestWrite();
+
     /// Connects to numeric address text, or looks the text up as an IPv4 host name without blocking.
     /// @return 0 with 10035 when under way, the outcome then arrives as FD_CONNECT; a stream never completes
     ///         inside the call. Any other last error: failed, and no FD_CONNECT follows.

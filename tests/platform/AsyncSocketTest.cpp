@@ -144,6 +144,26 @@ TEST(AsyncSocketRead, ARefusedReadComesAgainOnlyWhenAskedFor)
     EXPECT_EQ(pair.Quiet(), "READ") << "requested whatever the system has";
 }
 
+TEST(AsyncSocketWrite, AWouldBlockMetByAnotherWriterIsFollowedByANotification)
+{
+    Pair pair;
+    pair.Quiet();
+    const std::string part(65536, 'x');
+    std::size_t total = 0;
+    const auto write = [&] {
+        return send(static_cast<int>(pair.socket->m_hSocket), part.data(), part.size(),
+                    MSG_DONTWAIT | MSG_NOSIGNAL);
+    };
+    for (ssize_t sent; (sent = write()) > 0;)
+        total += static_cast<std::size_t>(sent);
+    pair.socket->RequestWrite();
+    EXPECT_EQ(pair.Quiet(), "") << "full";
+    EXPECT_EQ(pair.peer.Reads(total).size(), total);
+    EXPECT_EQ(pair.Quiet(), "WRITE");
+    pair.socket->RequestWrite();
+    EXPECT_EQ(pair.Quiet(), "WRITE") << "it takes data already";
+}
+
 TEST(AsyncSocketRead, ADrainedSocketAnswersFromMemoryAndHearsOfTheNextBytes)
 {
     Pair pair;
