@@ -3,6 +3,7 @@
 set_property(GLOBAL PROPERTY TAVRONET_LAYERS "")
 set_property(GLOBAL PROPERTY TAVRONET_LIBRARIES "")
 set_property(GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS "")
+set_property(GLOBAL PROPERTY TAVRONET_OWN_LIBRARIES "")
 
 # Whether the optimised library is compiled as one unit. Its layers are small classes that call one another on the path of
 # every message; as separate units those calls go through the table of exported functions.
@@ -16,8 +17,9 @@ endif()
 #     PUBLIC_HEADERS AddressText.h ...    installed as tavronet/net/AddressText.h; other headers stay internal
 #     LIBRARIES ...)                      libraries from outside, if any
 # makes the static target tavronet_net, which carries its include root and everything below it.
+#     [OWN_LIBRARY]                       not part of the shared library; see tavronet_own_library
 function(tavronet_layer name)
-    cmake_parse_arguments(PARSE_ARGV 1 layer "" "" "DEPENDS;SOURCES;PUBLIC_HEADERS;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 layer "OWN_LIBRARY" "" "DEPENDS;SOURCES;PUBLIC_HEADERS;LIBRARIES")
     if(layer_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tavronet_layer(${name}): unexpected ${layer_UNPARSED_ARGUMENTS}")
     endif()
@@ -34,9 +36,39 @@ function(tavronet_layer name)
 
     set(headers "${layer_PUBLIC_HEADERS}")
     list(TRANSFORM headers PREPEND "tavronet/${name}/")
+    if(layer_OWN_LIBRARY)
+        set_property(GLOBAL APPEND PROPERTY TAVRONET_OWN_LIBRARIES ${name})
+        set_property(GLOBAL PROPERTY TAVRONET_PUBLIC_HEADERS_${name} ${headers})
+        set_property(GLOBAL PROPERTY TAVRONET_LIBRARIES_${name} ${layer_LIBRARIES})
+        return()
+    endif()
     set_property(GLOBAL APPEND PROPERTY TAVRONET_LAYERS ${name})
     set_property(GLOBAL APPEND PROPERTY TAVRONET_LIBRARIES ${layer_LIBRARIES})
     set_property(GLOBAL APPEND PROPERTY TAVRONET_PUBLIC_HEADERS ${headers})
+endfunction()
+
+# What both kinds of shared library have in common.
+function(tavronet_shared_settings target export_name)
+    add_library(TavroNET::${export_name} ALIAS ${target})
+    set_target_properties(${target} PROPERTIES
+        LINKER_LANGUAGE CXX
+        EXPORT_NAME ${export_name}
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_compile_features(${target} INTERFACE cxx_std_20) # asks nothing of C sources
+    if(TAVRONET_WHOLE_PROGRAM)
+        target_link_options(${target} PRIVATE -flto=auto "LINKER:-Bsymbolic-functions")
+    endif()
+
+    set(map "${PROJECT_SOURCE_DIR}/cmake/tavronet.map")
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${map}")
+    if(NOT TAVRONET_SANITIZE)
+        target_link_options(${target} PRIVATE "LINKER:--no-undefined") # a sanitizer's run-time sits in the program
+    endif()
 endfunction()
 
 # The shared library TavroNET::TavroNET, made of the objects of all layers.
@@ -44,31 +76,21 @@ function(tavronet_shared_library)
     get_property(layers GLOBAL PROPERTY TAVRONET_LAYERS)
     get_property(libraries GLOBAL PROPERTY TAVRONET_LIBRARIES)
     add_library(tavronet SHARED)
-    add_library(TavroNET::TavroNET ALIAS tavronet)
     foreach(layer IN LISTS layers)
         target_sources(tavronet PRIVATE $<TARGET_OBJECTS:tavronet_${layer}>)
     endforeach()
-    set_target_properties(tavronet PROPERTIES
-        LINKER_LANGUAGE CXX
-        EXPORT_NAME TavroNET
-        VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR})
-    target_include_directories(tavronet PUBLIC
-        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_compile_features(tavronet INTERFACE cxx_std_20) # asks nothing of C sources
     target_link_libraries(tavronet PRIVATE ${libraries})
+    tavronet_shared_settings(tavronet TavroNET)
+endfunction()
 
-    if(TAVRONET_WHOLE_PROGRAM)
-        target_link_options(tavronet PRIVATE -flto=auto "LINKER:-Bsymbolic-functions")
-    endif()
-
-    set(map "${PROJECT_SOURCE_DIR}/cmake/tavronet.map")
-    target_link_options(tavronet PRIVATE "LINKER:--version-script=${map}")
-    set_property(TARGET tavronet APPEND PROPERTY LINK_DEPENDS "${map}")
-    if(NOT TAVRONET_SANITIZE)
-        target_link_options(tavronet PRIVATE "LINKER:--no-undefined") # a sanitizer's run-time sits in the program
-    endif()
+# tavronet_own_library(openssl OpenSSL) makes the shared library TavroNET::OpenSSL of one layer, beside TavroNET::TavroNET,
+# so that programs which do not use it need not have what it links.
+function(tavronet_own_library layer export_name)
+    get_property(libraries GLOBAL PROPERTY TAVRONET_LIBRARIES_${layer})
+    set(target tavronet-${layer})
+    add_library(${target} SHARED $<TARGET_OBJECTS:tavronet_${layer}>)
+    target_link_libraries(${target} PUBLIC tavronet PRIVATE ${libraries})
+    tavronet_shared_settings(${target} ${export_name})
 endfunction()
 
 # What the tsan preset builds.

@@ -11,6 +11,7 @@ readonly needed_packages=(
     g++ cmake ninja-build pkg-config python3            # to build, and for some of the tests
     libpugixml-dev                                      # the library: XML of the modern dialect
     zlib1g-dev                                          # the library: zlib's header; zlib itself is opened at run time
+    libssl-dev openssl                                  # the SSL provider; the program makes the tests' certificates
     libcli11-dev nlohmann-json3-dev                     # the tools: options, --json
     libgtest-dev libgmock-dev                           # the tests
     iproute2 util-linux                                 # the private LAN: ip, unshare, nsenter, setpriv

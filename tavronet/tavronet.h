@@ -20,6 +20,7 @@
 #include "tavronet/net/LocalInterfaces.h"
 
 #include "tavronet/socket/ByteBuffer.h"
+#include "tavronet/socket/OpenSSLContract.h"
 #include "tavronet/socket/TavroProductSocket.h"
 #include "tavronet/socket/TavroSocket.h"
 #include "tavronet/socket/ZLibCompression.h"

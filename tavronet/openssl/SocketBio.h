@@ -1,0 +1,15 @@
+/// A socket I/O object for OpenSSL whose writes raise no signal. Internal.
+#ifndef TAVRONET_OPENSSL_SOCKETBIO_H
+#define TAVRONET_OPENSSL_SOCKETBIO_H
+
+struct bio_st;
+
+namespace tavronet
+{
+
+/// @param closesHandle whether freeing the object closes the handle.  @return null when memory is exhausted.
+bio_st* NewSocketBio(int handle, int closesHandle);
+
+} // namespace tavronet
+
+#endif
