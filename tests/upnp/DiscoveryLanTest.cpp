@@ -148,40 +148,27 @@ TEST_F(DiscoveryOnALan, WhatBecomesOfADatagram)
         EXPECT_TRUE(socket.Discover());
         Heard();
         Say(text);
-        EXPECT_EQ(network->NumDevices(), devices) << why;
+        ASSERT_EQ(network->NumDevices(), devices) << why;
+        CUPnPDevice* const device = network->GetUPnPDevice(0);
+        EXPECT_TRUE(device == nullptr ||
+                    (device->GetIpAddr() == L"10.77.1.2" && device->GetDeviceAddr() == L"10.77.1.2" &&
+                     device->GetDevicePort() != 1900));
         EXPECT_EQ(std::ranges::count(codes, unsigned{UPnPEventDeviceNotify}), notifies) << why;
     }
 }
 
-TEST_F(DiscoveryOnALan, AnExpiredDeviceIsSearchedForOnItsInterface)
-{
-    Start();
-    Heard();
-    Say("HTTP/1.1 200 OK\r\nUSN: uuid:x\r\nCACHE-CONTROL: max-age=-1\r\n\r\n");
-    CUPnPDevice* const device = network->GetUPnPDevice(0);
-    ASSERT_NE(device, nullptr);
-    EXPECT_EQ(Text(device->GetIpAddr()) + " " + Text(device->GetDeviceAddr()), "10.77.1.2 10.77.1.2");
-    EXPECT_NE(device->GetDevicePort(), 1900U) << "answered from a port of its own";
-    device->GetType() = kGatewayType; // described, so that the upkeep keeps it
-
-    EXPECT_EQ(SearchesAfterTickle(10001), 2U);
-    EXPECT_EQ(codes, (std::vector<unsigned int>{UPnPEventDeviceRediscover}));
-    EXPECT_EQ(device->GetRediscoverAttempt(), 1U);
-    EXPECT_FALSE(network->DiscoverComplete()) << "which opens a new period";
-    Say("HTTP/1.1 200 OK\r\nUSN: uuid:x\r\nCACHE-CONTROL: max-age=60\r\n\r\n");
-    EXPECT_EQ(device->GetRediscoverAttempt(), 0U) << "heard from again";
-    EXPECT_EQ(SearchesAfterTickle(20000), 0U);
-}
-
-TEST_F(DiscoveryOnALan, TheHostMayDoAnythingInsideADatagramAndAnExpiry)
+TEST_F(DiscoveryOnALan, AnExpiredDeviceIsSearchedForAndTheHostMayDoAnythingMeanwhile)
 {
     const std::function<void()> actions[] = {
         [this] { network.reset(); },
         [this] { network->Discover(); }, // replaces the socket
         [this] { network->ReleaseUPnPDevice(network->GetUPnPDevice(0)); },
         [] { throw 7; },
+        [this] {
+            EXPECT_FALSE(actOn == UPnPEventDeviceRediscover && network->DiscoverComplete()) << "a new period";
+        },
     };
-    for (std::size_t i = 0; i < 8; ++i) {
+    for (std::size_t i = 0; i < 10; ++i) {
         SCOPED_TRACE(i);
         Start();
         Heard();
@@ -196,7 +183,7 @@ TEST_F(DiscoveryOnALan, TheHostMayDoAnythingInsideADatagramAndAnExpiry)
             if (network != nullptr)
                 SearchesAfterTickle(10001);
         } catch (int) {
-            EXPECT_GE(i, 6U);
+            EXPECT_EQ(i / 2, 3U);
         }
         EXPECT_GT(std::ranges::count(codes, std::exchange(actOn, ~0U)), 0);
         EXPECT_TRUE(network == nullptr || SearchesAfterTickle(400000) > 0) << "upkeep still works";

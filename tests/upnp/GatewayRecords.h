@@ -85,3 +85,17 @@ inline std::string Description()
            "</serviceType>\r\n<controlURL>/ctl</controlURL>\r\n</service>\r\n</serviceList>\r\n</device>\r\n"
            "</deviceList>\r\n</device>\r\n</root>\r\n";
 }
+
+/// The answer to a look-up.
+inline std::string MapEntry(const std::string& port, const std::string& client, const std::string& enabled)
+{
+    return "<NewInternalPort>" + port + "</NewInternalPort>\r\n<NewInternalClient>" + client +
+           "</NewInternalClient>\r\n<NewEnabled>" + enabled + "</NewEnabled>\r\n";
+}
+
+/// What stands between two texts; empty when the first is not there.
+inline std::string Between(const std::string& text, const std::string& before, const std::string& behind)
+{
+    const std::size_t found = text.find(before), begin = found + before.size();
+    return found == std::string::npos ? "" : text.substr(begin, text.find(behind, begin) - begin);
+}

@@ -47,12 +47,7 @@ protected:
     {
         return HttpAnswer("<NewExternalIPAddress>" + address + "</NewExternalIPAddress>\r\n");
     }
-    std::string LastAction() const
-    {
-        const std::string& request = server.Requests().back();
-        const std::size_t begin = request.find('#') + 1;
-        return request.substr(begin, request.find('"', begin) - begin);
-    }
+    std::string LastAction() const { return Between(server.Requests().back(), "#", "\""); }
 
     ScriptedServer server;
     const HANDLE cancel = CreateEventW(nullptr, 1, 0, nullptr);
