@@ -121,16 +121,22 @@ bool CUPnPService::Send()
 bool CUPnPService::SendAndWait(HANDLE cancel)
 {
     BlockingCall call(*this);
-    bool answered =
-        call.event != nullptr && OpenConnection() && WaitEvent(call.event, cancel) && call.answered;
-    if (!call.alive.Alive())
-        return false;
-
-    // Only now may a queued action start, lest its answer replace the one that our caller is about to read.
-    call.Leave();
-    if (!answered || m_pServiceSocket == nullptr)
-        ReleaseUPnPServiceSocket(true);
-    return answered;
+    const auto end = [&](bool answered) {
+        if (!call.alive.Alive())
+            return false;
+        // Only now may a queued action start, lest its answer replace the one that our caller is about to read.
+        call.Leave();
+        if (!answered || m_pServiceSocket == nullptr)
+            ReleaseUPnPServiceSocket(true);
+        return answered;
+    };
+    try {
+        return end(call.event != nullptr && OpenConnection() && WaitEvent(call.event, cancel) &&
+                   call.answered);
+    } catch (...) { // by a handler of the host: nobody waits for the answer any more
+        end(false);
+        throw;
+    }
 }
 
 bool CUPnPService::OpenConnection()
