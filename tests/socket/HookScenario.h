@@ -81,6 +81,15 @@ protected:
             socket->Close();
         if (action == "renew")
             this->Connect();
+        if (action == "attach") // the same connection, another life of its handle
+            socket->CAsyncSocket::Attach(socket->Detach(), FD_ALL);
+        if (action == "notify")
+            socket->OnSend(0);
+        if (action == "select") {
+            socket->SetOkayToSend(false);
+            socket->AsyncSelect();
+            socket->RequestRead();
+        }
         if (action == "send")
             socket->Send("nested");
         if (action == "receive")

@@ -17,7 +17,9 @@ class TavroSocketReentry : public testing::TestWithParam<const char*>
 
 TEST_P(TavroSocketReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
 {
-    for (const char* action : {"delete", "close", "renew", "send", "receive", "release", "pump", "throw"}) {
+    for (const char* action : {"delete", "close", "renew", "attach", "send", "receive", "notify", "select",
+                               "release", "pump", "throw"})
+    {
         for (const bool after : {false, true}) {
             SCOPED_TRACE(std::string(action) + (after ? " after the base's part" : " before"));
             {

@@ -115,7 +115,7 @@ private:
             if (!ReadRequest(m_Connections[i]))
                 continue;
             m_Unanswered.push_back(i);
-            if (m_Script.empty() && m_Rule)
+            if (m_Script.size() < m_Unanswered.size() && m_Rule)
                 m_Script.push_back(m_Rule(m_Requests.back()));
         }
         while (!m_Script.empty() && !m_Unanswered.empty()) {
