@@ -1,4 +1,4 @@
-// A server on CTavroSocket for load generators: one program, five ways to treat a connection. See README.md.
+// A server for load generators on the class TAVRONET_BENCH_SOCKET, five ways to treat a connection. See README.md.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -18,6 +18,7 @@
 
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/MessageQueue.h"
+#include "tavronet/socket/TavroProductSocket.h"
 #include "tavronet/socket/TavroSocket.h"
 
 namespace
@@ -47,10 +48,12 @@ struct Options
 Options g_Options;
 std::vector<unsigned char> g_Chunk; // what a source sends, again and again
 
-class Connection : public CTavroSocket
+using Base = TAVRONET_BENCH_SOCKET;
+
+class Connection : public Base
 {
 public:
-    void SetSocketOptions()
+    void SetOptions()
     {
         SetOption(IPPROTO_TCP, TCP_NODELAY, 1);
         if (g_Options.sendBufferBytes != 0)
@@ -74,7 +77,7 @@ protected:
 
     void SetOkayToSend(bool allowed) override
     {
-        CTavroSocket::SetOkayToSend(allowed);
+        Base::SetOkayToSend(allowed);
         if (allowed && m_SourceLeft > 0)
             SendSource();
     }
@@ -82,7 +85,7 @@ protected:
     void OnSend(int error) override
     {
         const tavronet::LifetimeGuard guard(*this);
-        CTavroSocket::OnSend(error);
+        Base::OnSend(error);
         if (guard.Alive() && m_AllGiven && GetSendBufferSize() == 0)
             delete this;
     }
@@ -101,7 +104,7 @@ private:
         if (m_Received < g_Options.bytes)
             return;
         m_Received = 0;
-        CTavroSocket::Send("K");
+        Base::Send("K");
     }
 
     /// Consumes nothing until all has arrived.
@@ -111,7 +114,7 @@ private:
             left = received;
             return false;
         }
-        CTavroSocket::Send("K");
+        Base::Send("K");
         return true;
     }
 
@@ -183,7 +186,7 @@ protected:
             auto connection = std::make_unique<Connection>();
             if (!Accept(*connection))
                 return;
-            connection->SetSocketOptions();
+            connection->SetOptions();
             (void)connection.release(); // deletes itself when the peer closes
         }
     }

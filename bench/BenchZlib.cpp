@@ -37,7 +37,7 @@ double ThreadSeconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-/// Words by their usual frequencies: deflates to about a third, as text does.
+/// Words, the early ones often: deflates as text does.
 std::string Text(std::size_t length)
 {
     std::vector<std::string> words;

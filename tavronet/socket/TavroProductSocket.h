@@ -190,7 +190,7 @@ protected:
     /// Also reads and delivers what is left, whatever the pause and the pending packets say.
     void OnClose(int error) override;
     int ReceiveData(unsigned char* buffer, int length, int flags) override;
-    /// Inflates what arrived, when compression is in use, and counts it.
+    /// Inflates what arrived, when compression is in use, and counts it. An override calls it first.
     void OnReceivePreProcessResponse(unsigned char*& buffer, int& received, int& held) override;
     /// Compresses and encrypts. Compressed bytes that the system does not take are kept and go out before
     /// anything else; the chunk counts as accepted then and the gate closes.
@@ -257,6 +257,8 @@ private:
         bool offeredToSession;      // the session expects exactly these bytes again
     };
 
+    void OfferShortRoads() const;
+    bool IsLastToTransform() const;
     bool IsBlocked() const { return m_bSSLAcceptPending || m_bExitSSLModeWhenDone; }
     int SendPlain(unsigned char* data, int length, int flags);
     int WriteToWire(unsigned char* data, int length, int flags);
@@ -266,6 +268,7 @@ private:
     bool FlushPendingWrite();
 
     int SendCompressed(unsigned char* data, int length, int flags);
+    bool InflateReceived(unsigned char*& buffer, int& received, int held);
     bool InflateInto(tavronet::ByteBuffer& bytes, const unsigned char* wire, int wireLength);
 
     bool HasSSLSession() const;

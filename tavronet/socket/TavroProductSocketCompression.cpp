@@ -12,6 +12,7 @@
 #include "tavronet/platform/ByteArray.h"
 #include "tavronet/platform/LastError.h"
 #include "tavronet/socket/TavroProductSocket.h"
+#include "tavronet/socket/VirtualEntry.h"
 #include "tavronet/socket/ZLibCompression.h"
 
 namespace
@@ -73,30 +74,45 @@ int CTavroProductSocket::SendCompressed(unsigned char* data, int length, int fla
     return guard.Alive() ? plainLength : SOCKET_ERROR;
 }
 
-// Does not call the base, which would take the array for the one it has made: an override of a derived class may
-// replace it afterwards.
 void CTavroProductSocket::OnReceivePreProcessResponse(unsigned char*& buffer, int& received, int& held)
 {
     const int wireLength = received;
     bool newlyBroken = false;
-    if (UsingCompression()) {
-        tavronet::ByteBuffer bytes;
-        if (held > 0)
-            bytes.Append(buffer, held);
-        const bool wasBroken = m_bInflateBroken;
-        m_bInflateBroken = true; // also when memory runs out on the way: a gap would be worse
-        m_bInflateBroken = wasBroken || !InflateInto(bytes, buffer + held, wireLength);
-        newlyBroken = m_bInflateBroken && !wasBroken;
-
-        delete[] buffer;
-        received = bytes.Size() - held;
-        buffer = bytes.Size() > 0 ? bytes.Release() : nullptr;
-    }
+    if (UsingCompression())
+        newlyBroken = !InflateReceived(buffer, received, held);
+    else if (IsLastToTransform())
+        CTavroSocket::OnReceivePreProcessResponse(buffer, received, held); // the pipeline may keep the array
 
     const tavronet::LifetimeGuard guard(*this);
     BytesInCompressed(received, wireLength);
     if (newlyBroken && guard.Alive())
         NotifyInflateError();
+}
+
+/// Whether no derived class can replace the array after this one has left it as it was.
+bool CTavroProductSocket::IsLastToTransform() const
+{
+    using Transform = void (CTavroSocket::*)(unsigned char*&, int&, int&);
+    constexpr Transform member = &CTavroSocket::OnReceivePreProcessResponse;
+    const auto entryOf = [](const CTavroSocket& socket) { return tavronet::VirtualEntry(socket, member); };
+    static const void* const own = entryOf(CTavroProductSocket());
+    return own != nullptr && entryOf(*this) == own;
+}
+
+/// Replaces the new bytes by what they inflate to. @return false when the stream has broken just now.
+bool CTavroProductSocket::InflateReceived(unsigned char*& buffer, int& received, int held)
+{
+    tavronet::ByteBuffer bytes;
+    if (held > 0)
+        bytes.Append(buffer, held);
+    const bool wasBroken = m_bInflateBroken;
+    m_bInflateBroken = true; // also when memory runs out on the way: a gap would be worse
+    m_bInflateBroken = wasBroken || !InflateInto(bytes, buffer + held, received);
+
+    delete[] buffer;
+    received = bytes.Size() - held;
+    buffer = bytes.Size() > 0 ? bytes.Release() : nullptr;
+    return wasBroken || !m_bInflateBroken;
 }
 
 /// Inflates behind the present bytes of `bytes`. @return false when the stream cannot be read any further; what

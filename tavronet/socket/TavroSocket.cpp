@@ -49,6 +49,15 @@ void SetAddressReuse(SOCKET handle, bool on)
     platform::setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &value, sizeof value);
 }
 
+/// Ends a Send in which a hook has replaced the handle. What is left was for the old connection; what is queued
+/// may be for the new one.
+bool EndForOldHandle(bool allAccepted)
+{
+    if (!allAccepted)
+        WSASetLastError(WSAECONNABORTED);
+    return allAccepted;
+}
+
 } // namespace
 
 /// A Send that runs.
@@ -135,6 +144,8 @@ void CTavroSocket::Sending::Replace(tavronet::ByteBuffer next)
         flushing->queue = std::move(chunk);
     chunk = std::move(next);
 }
+
+std::atomic<const CTavroSocket::ShortRoads*> CTavroSocket::m_pShortRoads = nullptr;
 
 CTavroSocket::CTavroSocket() = default;
 CTavroSocket::~CTavroSocket() = default;
@@ -238,7 +249,8 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
         return SendLater(data, length);
 
     const bool queued = m_SendBuffer.Holds();
-    const bool direct = !queued && m_pFlushing == nullptr && length > 0 && !OverridesSendData();
+    const ShortRoads* passedBy = nullptr;
+    const bool direct = !queued && m_pFlushing == nullptr && length > 0 && SendsPlainly(passedBy);
     if (!queued && m_pFlushing != nullptr && m_pFlushing->Is(data, length))
         m_SendBuffer = std::move(m_pFlushing->queue);
     else if (!direct) // otherwise they stay where they are until the gate was asked
@@ -248,10 +260,15 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
     const bool open = OkayToSend();
     if (!sending.guard.Alive())
         return -1;
-    if (direct && open)
-        SendDirectly(sending, data, length, flags);
-    else if (direct)
+    const std::uint64_t handle = HandleId();
+    if (direct && !open)
         sending.chunk.Append(data, length);
+    else if (direct)
+        SendDirectly(sending, data, length, flags, passedBy);
+    if (!sending.guard.Alive())
+        return -1;
+    if (HandleId() != handle && HandleId() != 0)
+        return EndForOldHandle(sending.chunk.Size() == 0) ? length : -1;
     if (open && !SendChunks(sending, flags))
         return -1;
     if (!open)
@@ -261,24 +278,38 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
 
 /// Sends from the caller's memory. What the system does not take becomes the chunk; what stopped it is told
 /// again to whoever sends that.
-void CTavroSocket::SendDirectly(Sending& sending, const unsigned char* data, int length, int flags)
+void CTavroSocket::SendDirectly(Sending& sending, const unsigned char* data, int length, int flags,
+                                const ShortRoads* passedBy)
 {
     tavronet::ByteBuffer rest = tavronet::TakeSpareBuffer(length); // memory runs out now or not at all
     const int taken = std::max(CAsyncSocket::Send(data, length, flags), 0);
     if (taken > 0)
         m_Tick = GetTickCount();
-    if (taken == length)
-        return tavronet::GiveSpareBuffer(std::move(rest));
-    rest.Append(data + taken, length - taken);
-    sending.chunk = std::move(rest);
+    if (taken == length) {
+        tavronet::GiveSpareBuffer(std::move(rest));
+    } else {
+        rest.Append(data + taken, length - taken);
+        sending.chunk = std::move(rest);
+    }
+    if (taken > 0 && passedBy != nullptr)
+        passedBy->noteSent(*this, taken);
 }
 
-/// Whether a derived class has a SendData of its own, which is promised a private copy of the bytes.
-bool CTavroSocket::OverridesSendData() const
+/// Whether SendData does nothing with the bytes but send them: it may then be passed by, and needs no private copy
+/// of them.
+/// @param passedBy becomes what has to be told of the bytes instead; unchanged for nothing.
+bool CTavroSocket::SendsPlainly(const ShortRoads*& passedBy) const
 {
     constexpr Transfer member = &CTavroSocket::SendData;
     static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
-    return base == nullptr || tavronet::VirtualEntry(*this, member) != base;
+    const void* const entry = tavronet::VirtualEntry(*this, member);
+    if (entry == base)
+        return base != nullptr;
+    const ShortRoads* const roads = m_pShortRoads.load(std::memory_order_acquire);
+    if (roads == nullptr || roads->sendData != entry || !roads->sendsPlainly(*this))
+        return false;
+    passedBy = roads;
+    return true;
 }
 
 /// A Send inside a hook of the running one: goes behind it without asking the hooks again.
@@ -313,13 +344,8 @@ bool CTavroSocket::SendChunks(Sending& sending, int flags)
             sending.chunk.DropFront(accepted);
         }
         const bool handleReplaced = HandleId() != handle && HandleId() != 0;
-        if (handleReplaced) {
-            // What is left was for the old connection; what is queued may be for the new one.
-            const bool done = accepted > 0 && sending.chunk.Size() == 0;
-            if (!done)
-                WSASetLastError(WSAECONNABORTED);
-            return done;
-        }
+        if (handleReplaced)
+            return EndForOldHandle(accepted > 0 && sending.chunk.Size() == 0);
         if (accepted > 0)
             continue;
         if (error != WSAEWOULDBLOCK) {

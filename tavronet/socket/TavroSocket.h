@@ -1,6 +1,7 @@
 #ifndef TAVRONET_SOCKET_TAVROSOCKET_H
 #define TAVRONET_SOCKET_TAVROSOCKET_H
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -242,6 +243,19 @@ private:
     struct Reading;
     using Transfer = int (CTavroSocket::*)(unsigned char*, int, int);
 
+    /// What the connection class tells of its SendData and ReceiveData, so that its sockets take the short roads
+    /// of plain ones as long as those two add nothing.
+    friend class CTavroProductSocket;
+    struct ShortRoads
+    {
+        const void* sendData; // in the class's table of virtual functions
+        const void* receiveData;
+        bool (*sendsPlainly)(const CTavroSocket& socket);
+        bool (*receivesPlainly)(const CTavroSocket& socket);
+        void (*noteSent)(CTavroSocket& socket, int bytes); // past SendData; may run anything
+    };
+    static std::atomic<const ShortRoads*> m_pShortRoads;
+
     /// The forms of CAsyncSocket take the same road as the byte forms.
     int Receive(void* buffer, int length, int flags) override;
     int Send(const void* data, int length, int flags) override;
@@ -250,9 +264,10 @@ private:
     bool BindOrClose(const sockaddr* address, int addressLength);
 
     int SendLater(const unsigned char* data, int length);
-    void SendDirectly(Sending& sending, const unsigned char* data, int length, int flags);
-    bool OverridesSendData() const;
-    bool OverridesReceiveData() const;
+    void SendDirectly(Sending& sending, const unsigned char* data, int length, int flags,
+                      const ShortRoads* passedBy);
+    bool SendsPlainly(const ShortRoads*& passedBy) const;
+    bool ReceivesPlainly() const;
     bool SendChunks(Sending& sending, int flags);
     bool NextChunk(Sending& sending);
     void QueueUnsent(Sending& sending);

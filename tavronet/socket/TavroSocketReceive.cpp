@@ -177,7 +177,7 @@ bool CTavroSocket::ReadPass(Reading& reading)
         return false;
 
     reading.askedAgain = false;
-    if (!m_BulkInput && !m_ReceiveBuffer.Holds() && !OverridesReceiveData()) {
+    if (!m_BulkInput && !m_ReceiveBuffer.Holds() && ReceivesPlainly()) {
         const int received = ReadUnasked(reading);
         return received > 0 ? PassOn(reading, received, 0) : OnReceiveNoDataContinue(received);
     }
@@ -260,12 +260,16 @@ int CTavroSocket::PeekWaiting()
     return ReceiveData(buffer, static_cast<int>(size), MSG_PEEK);
 }
 
-/// Whether a derived class reads from another source, or wants to see the reads.
-bool CTavroSocket::OverridesReceiveData() const
+/// Whether ReceiveData does no more than read from the system: it may then be passed by.
+bool CTavroSocket::ReceivesPlainly() const
 {
     constexpr Transfer member = &CTavroSocket::ReceiveData;
     static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
-    return base == nullptr || tavronet::VirtualEntry(*this, member) != base;
+    const void* const entry = tavronet::VirtualEntry(*this, member);
+    if (entry == base)
+        return base != nullptr;
+    const ShortRoads* const roads = m_pShortRoads.load(std::memory_order_acquire);
+    return roads != nullptr && roads->receiveData == entry && roads->receivesPlainly(*this);
 }
 
 int CTavroSocket::ReceiveData(unsigned char* buffer, int length, int flags)

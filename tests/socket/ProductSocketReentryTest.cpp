@@ -1,4 +1,4 @@
-// The connection class under the scenario of HookScenario.h, uncompressed and compressed.
+// The connection class under the scenario of HookScenario.h: uncompressed, by the short roads too, and compressed.
 
 #include <gtest/gtest.h>
 
@@ -12,11 +12,21 @@
 namespace
 {
 
-class ProductScenario : public HookScenario<ScriptedProduct>
+enum class Road
+{
+    Plain,
+    Short, // no SendData and ReceiveData of its own
+    Compressed
+};
+
+template <typename Socket>
+class ProductScenario : public HookScenario<Socket>
 {
 public:
+    using HookScenario<Socket>::socket;
+
     ProductScenario(const std::string& hook, const std::string& action, bool after, bool compressed)
-        : HookScenario(hook, action, after), m_Compressed(compressed)
+        : HookScenario<Socket>(hook, action, after), m_Compressed(compressed)
     {
         socket->SetDeleteWhenDone(true);
         StartStreams();
@@ -53,7 +63,7 @@ private:
         } else if (action == "streams") {
             StartStreams();
         } else {
-            HookScenario::Act(action);
+            HookScenario<Socket>::Act(action);
         }
     }
 
@@ -61,12 +71,12 @@ private:
     std::unique_ptr<ZlibPeer> m_Peer;
 };
 
-class ProductSocketReentry : public testing::TestWithParam<std::tuple<const char*, bool>>
+class ProductSocketReentry : public testing::TestWithParam<std::tuple<const char*, Road>>
 {};
 
-TEST_P(ProductSocketReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
+template <typename Socket>
+void RunAll(const char* hook, bool compressed)
 {
-    const auto [hook, compressed] = GetParam();
     const WithZLib zlib;
     for (const char* action :
          {"delete", "close", "renew", "send", "receive", "release", "pump", "throw", "gates", "streams"})
@@ -74,7 +84,7 @@ TEST_P(ProductSocketReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
         for (const bool after : {false, true}) {
             SCOPED_TRACE(std::string(action) + (after ? " after the base's part" : " before"));
             {
-                ProductScenario scenario(hook, action, after, compressed);
+                ProductScenario<Socket> scenario(hook, action, after, compressed);
                 scenario.RunToTheEnd();
                 scenario.ExpectWholeOrGone();
             }
@@ -83,21 +93,34 @@ TEST_P(ProductSocketReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
     }
 }
 
-std::string NameOf(const testing::TestParamInfo<std::tuple<const char*, bool>>& run)
+TEST_P(ProductSocketReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
 {
-    return std::get<0>(run.param) + std::string(std::get<1>(run.param) ? "Compressed" : "");
+    const auto [hook, road] = GetParam();
+    if (road == Road::Short)
+        RunAll<ScriptedProductOf<ScriptedHooks>>(hook, false);
+    else
+        RunAll<ScriptedProduct>(hook, road == Road::Compressed);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Hooks, ProductSocketReentry,
-    testing::Combine(testing::Values("OkayToReceive", "OnReceivePreRead", "ReceiveData",
-                                     "OnReceiveNoDataContinue", "OnReceivePreProcessResponse",
-                                     "ProcessReceive", "ProcessReceiveBuffer", "Send", "SendData",
-                                     "OkayToSend", "SetOkayToSend", "OnConnect", "OnReceive", "OnSend",
-                                     "OnClose", "PostClose", "BytesInCompressed", "BytesOutCompressed"),
-                     testing::Bool()),
-    NameOf);
-INSTANTIATE_TEST_SUITE_P(CompressionHooks, ProductSocketReentry,
-                         testing::Values(std::tuple("NotifyInflateError", true)), NameOf);
+std::string NameOf(const testing::TestParamInfo<std::tuple<const char*, Road>>& run)
+{
+    const char* const roads[] = {"", "_Short", "_Compressed"};
+    return std::get<0>(run.param) + std::string(roads[static_cast<int>(std::get<1>(run.param))]);
+}
+
+const auto kHooks = testing::Values("OkayToReceive", "OnReceivePreRead", "OnReceiveNoDataContinue",
+                                    "OnReceivePreProcessResponse", "ProcessReceive", "ProcessReceiveBuffer",
+                                    "Send", "OkayToSend", "SetOkayToSend", "OnConnect", "OnReceive", "OnSend",
+                                    "OnClose", "PostClose", "BytesInCompressed", "BytesOutCompressed");
+INSTANTIATE_TEST_SUITE_P(Hooks, ProductSocketReentry,
+                         testing::Combine(kHooks,
+                                          testing::Values(Road::Plain, Road::Short, Road::Compressed)),
+                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Transfers, ProductSocketReentry,
+                         testing::Combine(testing::Values("SendData", "ReceiveData"),
+                                          testing::Values(Road::Plain, Road::Compressed)),
+                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Streams, ProductSocketReentry,
+                         testing::Values(std::tuple("NotifyInflateError", Road::Compressed)), NameOf);
 
 } // namespace

@@ -5,8 +5,9 @@
 #include "tavronet/socket/ZLibCompression.h"
 #include "tavronet/socket/ZLibLibrary.h"
 
-/// A connection of a host whose hooks do what a test says.
-class ScriptedProduct : public ScriptedSocketOf<CTavroProductSocket>
+/// A connection of a host whose hooks do what a test says; Hooks is ScriptedSocketOf or ScriptedHooks.
+template <template <typename> typename Hooks>
+class ScriptedProductOf : public Hooks<CTavroProductSocket>
 {
     using HookBase = CTavroProductSocket;
 
@@ -32,14 +33,15 @@ public:
     /// Has ProcessReceive take everything.
     void Collect()
     {
-        ProcessReceiveScript = [this](unsigned char*& buffer, int& length) {
-            received += Text(buffer, std::exchange(length, 0));
+        this->ProcessReceiveScript = [this](unsigned char*& buffer, int& length) {
+            received += ScriptedSocket::Text(buffer, std::exchange(length, 0));
             return true;
         };
     }
     std::string received;
 };
 
+using ScriptedProduct = ScriptedProductOf<ScriptedSocketOf>;
 using ProductPair = tavronet::LoopbackPair<ScriptedProduct>;
 
 /// zlib for compressors, which the library's start-up brings along and a test program does not.
