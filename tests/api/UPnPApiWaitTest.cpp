@@ -81,6 +81,22 @@ TEST_F(FlatInterface, HandlersInsideDiscoverDecideWhatItGives)
     CloseHandle(cancel);
 }
 
+TEST_F(FlatInterface, DispatchServesWhatIsDueAndWaitsForItNoLongerThanAsked)
+{
+    StartFastClock();
+    EXPECT_EQ(UPnPDispatch(60), UPnPSuccess);
+    EXPECT_GE(RealMs(), 60);
+
+    int served = 0;
+    const auto count = [](void* counter) { ++*static_cast<int*>(counter); };
+    const auto fail = [](void*) { tavronet::ThrowMemoryException(); };
+    PostThreadCall(CurrentThreadQueue(), count, &served);
+    EXPECT_EQ(UPnPDispatch(60'000), UPnPSuccess);
+    EXPECT_EQ(served, 1);
+    PostThreadCall(CurrentThreadQueue(), fail, nullptr);
+    EXPECT_EQ(UPnPDispatch(0), UPnPException);
+}
+
 TEST_F(FlatInterface, ExceptionsOfTheLibraryBecomeAResultOthersPass)
 {
     for (const bool ours : {true, false}) {
