@@ -6,23 +6,19 @@
 // from the same string, at the time it is asked. Behind the end everything is '0': the gateway answers rightly.
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Input.h"
+#include "LifeGateway.h"
+#include "PrivateNetwork.h"
+#include "Script.h"
 #include "tavronet/platform/Event.h"
 #include "tavronet/platform/MessageQueue.h"
 #include "tavronet/platform/TestSeams.h"
@@ -36,220 +32,7 @@
 namespace
 {
 
-constexpr const char* kGatewayAddress = "10.77.1.2"; // which is also ours
-
-class Script
-{
-public:
-    explicit Script(std::string_view bytes) : m_Rest(bytes) {}
-
-    bool AtEnd() const { return m_Rest.empty(); }
-    char Take()
-    {
-        if (AtEnd())
-            return '0';
-        const char byte = m_Rest.front();
-        m_Rest.remove_prefix(1);
-        return byte == '\n' ? Take() : byte;
-    }
-    /// The byte as a number below `count`; digits are what they look like.
-    unsigned Number(unsigned count) { return static_cast<unsigned char>(Take() - '0') % count; }
-    std::string Text()
-    {
-        const std::string text(m_Rest.substr(0, m_Rest.find('~')));
-        m_Rest.remove_prefix(std::min(text.size() + 1, m_Rest.size()));
-        return text;
-    }
-
-private:
-    std::string_view m_Rest;
-};
-
 DWORD g_Now = 0;
-
-// --- the gateway
-
-std::string Element(const std::string& name, const std::string& content, const std::string& lineBreak)
-{
-    return "<" + name + ">" + content + "</" + name + ">" + lineBreak;
-}
-
-std::string Description(unsigned kind)
-{
-    const bool isModern = kind == 1;
-    const std::string lineBreak = isModern ? "" : "\r\n";
-    const std::string urn = "urn:schemas-upnp-org:";
-    const char* const services[] = {"WANIPConnection:1", "WANIPConnection:2", "WANPPPConnection:1",
-                                    "Layer3:1"};
-    return "<root>" + lineBreak + "<device>" + lineBreak +
-           Element("deviceType", urn + "device:InternetGatewayDevice:1", lineBreak) +
-           Element("manufacturer", kind == 2 ? "Linksys" : "Tavro", lineBreak) +
-           Element("UDN", "uuid:gw-1", lineBreak) + "<deviceList>" + lineBreak + "<device>" + lineBreak +
-           Element("deviceType", urn + "device:WANConnectionDevice:1", lineBreak) + "<serviceList>" +
-           lineBreak + "<service>" + lineBreak +
-           Element("serviceType", urn + "service:" + services[kind], lineBreak) +
-           Element("controlURL", "/ctl", lineBreak) + "</service>" + lineBreak + "</serviceList>" +
-           lineBreak + "</device>" + lineBreak + "</deviceList>" + lineBreak + "</device>" + lineBreak +
-           "</root>";
-}
-
-std::string Response(const std::string& body, const std::string& status = "200 OK")
-{
-    return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-/// An HTTP server with a mapping table, moved on by the thread that also runs the network.
-class Gateway
-{
-public:
-    explicit Gateway(Script& script)
-        : m_Script(script), m_Listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{AF_INET, 0, {inet_addr(kGatewayAddress)}, {}};
-        auto* const raw = reinterpret_cast<sockaddr*>(&address);
-        socklen_t length = sizeof address;
-        Expect(bind(m_Listener, raw, length) == 0 && listen(m_Listener, 64) == 0);
-        Expect(getsockname(m_Listener, raw, &length) == 0);
-        m_Port = ntohs(address.sin_port);
-    }
-    ~Gateway()
-    {
-        for (const Connection& connection : m_Connections)
-            close(connection.descriptor);
-        close(m_Listener);
-    }
-    Gateway(const Gateway&) = delete;
-    Gateway& operator=(const Gateway&) = delete;
-
-    std::string Url() const
-    {
-        return std::string("http://") + kGatewayAddress + ":" + std::to_string(m_Port);
-    }
-
-    /// @return whether anything happened.
-    bool Step()
-    {
-        bool moved = false;
-        for (int accepted;
-             (accepted = accept4(m_Listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
-            m_Connections.push_back({accepted, {}, {}});
-            moved = true;
-        }
-        for (Connection& connection : m_Connections)
-            moved |= Serve(connection);
-        std::erase_if(m_Connections, [](const Connection& connection) { return connection.descriptor < 0; });
-        return moved;
-    }
-
-private:
-    struct Connection
-    {
-        int descriptor;
-        std::string request;
-        std::string later; // sent in the next step
-    };
-
-    static void Close(Connection& connection) { close(std::exchange(connection.descriptor, -1)); }
-
-    bool Serve(Connection& connection)
-    {
-        if (!connection.later.empty()) {
-            Send(connection, std::exchange(connection.later, {}));
-            return true;
-        }
-        char block[4096];
-        const ssize_t got = recv(connection.descriptor, block, sizeof block, 0);
-        if (got == 0 || (got < 0 && errno != EAGAIN)) {
-            Close(connection);
-            return true;
-        }
-        if (got > 0)
-            connection.request.append(block, static_cast<std::size_t>(got));
-        const std::string& request = connection.request;
-        const bool isWhole = request.starts_with("GET ") ? request.ends_with("\r\n\r\n")
-                                                         : request.find("</s:Envelope>") != request.npos;
-        if (isWhole)
-            Answer(connection, std::exchange(connection.request, {}));
-        return got > 0;
-    }
-
-    static void Send(Connection& connection, const std::string& bytes)
-    {
-        send(connection.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL); // not taken: as if lost
-    }
-
-    void Answer(Connection& connection, const std::string& request)
-    {
-        const std::string body = request.starts_with("GET ") ? Description(m_Script.Number(4)) : Act(request);
-        const std::string right = body.empty() ? Response(Fault("714"), "500 Error") : Response(body);
-        switch (m_Script.Number(12)) {
-        case 1: return Send(connection, Response(Fault("501"), "500 Error"));
-        case 2: Send(connection, "HTTP/1.1 200 OK\r\n\r\n" + body); return Close(connection);
-        case 3: Send(connection, right.substr(0, right.size() / 2)); return Close(connection);
-        case 4: return; // nobody will ever say anything
-        case 5: return Close(connection);
-        case 6: return Send(connection, m_Script.Text());
-        case 7: return Send(connection, Response(m_Script.Text()));
-        case 8: {
-            char size[32];
-            std::snprintf(size, sizeof size, "%zx\r\n", body.size());
-            return Send(connection, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                                        std::string(size) + body + "\r\n0\r\n\r\n");
-        }
-        case 9:
-            Send(connection, right.substr(0, 20));
-            connection.later = right.substr(20);
-            return;
-        case 10: return Send(connection, "HTTP/1.1 100 Continue\r\n\r\n" + right + right);
-        case 11:
-            return Send(connection, Response(std::string(2000, 'x'), "200 OK\r\nContent-Length: 2000000"));
-        default: return Send(connection, right);
-        }
-    }
-
-    static std::string Fault(const std::string& code)
-    {
-        return Element("errorCode", code, "\r\n") + Element("errorDescription", "No", "\r\n");
-    }
-
-    static std::string ValueOf(const std::string& request, const std::string& name)
-    {
-        const std::size_t start = request.find("<" + name + ">");
-        if (start == request.npos)
-            return {};
-        const std::size_t value = start + name.size() + 2;
-        return request.substr(value, request.find('<', value) - value);
-    }
-
-    /// @return the answer's body, empty for a fault.
-    std::string Act(const std::string& request)
-    {
-        const std::string port = ValueOf(request, "NewExternalPort");
-        if (request.find("#AddPortMapping") != request.npos)
-            m_Mapped.insert(port);
-        else if (request.find("#DeletePortMapping") != request.npos)
-            return m_Mapped.erase(port) != 0 ? "<x>1</x>" : "";
-        else if (request.find("#GetGeneric") != request.npos) {
-            const auto index = std::strtoul(ValueOf(request, "NewPortMappingIndex").c_str(), nullptr, 10);
-            return index < m_Mapped.size() ? Entry(*std::next(m_Mapped.begin(), static_cast<long>(index)))
-                                           : "";
-        } else if (request.find("#GetSpecific") != request.npos)
-            return m_Mapped.contains(port) ? Entry(port) : "";
-        return Element("NewExternalIPAddress", "203.0.113.7", "\r\n") + Element("NewNATEnabled", "1", "\r\n");
-    }
-
-    static std::string Entry(const std::string& port)
-    {
-        return Element("NewExternalPort", port, "\r\n") + Element("NewInternalPort", port, "\r\n") +
-               Element("NewInternalClient", kGatewayAddress, "\r\n") + Element("NewEnabled", "1", "\r\n");
-    }
-
-    Script& m_Script;
-    const int m_Listener;
-    unsigned m_Port = 0;
-    std::vector<Connection> m_Connections;
-    std::set<std::string> m_Mapped; // external ports
-};
 
 // --- the network's ear
 
@@ -421,8 +204,8 @@ private:
             Expect(device.GetPortMap(static_cast<int>(i)) != nullptr);
         Expect(device.MatchingDevice(Narrow(device.GetUSN())));
         Expect(m_pNetwork->GetUPnPDevice(&device) != nullptr);
-        CUPnPService* const service = m_pNetwork->FindService(kGatewayAddress, kService);
-        Expect(service == nullptr || m_pNetwork->FindDevice(kGatewayAddress) != nullptr);
+        CUPnPService* const service = m_pNetwork->FindService(LifeGateway::kAddress, kService);
+        Expect(service == nullptr || m_pNetwork->FindDevice(LifeGateway::kAddress) != nullptr);
         if (service != nullptr)
             service->ReleaseCommandQueue();
     }
@@ -488,7 +271,7 @@ private:
     }
 
     Script m_Script;
-    Gateway m_Gateway;
+    LifeGateway m_Gateway;
     std::unique_ptr<CUPnPNetwork> m_pNetwork;
     std::unique_ptr<Ear> m_pEar;
     const HANDLE m_Cancel = CreateEventW(nullptr, 1, 0, nullptr);
@@ -498,30 +281,6 @@ private:
     int m_Depth = 0;
     int m_Idle = 0;
 };
-
-// --- a network of its own
-
-bool SetUpInterface(const char* name, const char* address)
-{
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request{};
-    std::strcpy(request.ifr_name, name);
-    reinterpret_cast<sockaddr_in&>(request.ifr_addr) = {AF_INET, 0, {inet_addr(address)}, {}};
-    bool isUp = ioctl(descriptor, SIOCSIFADDR, &request) == 0;
-    request.ifr_flags = IFF_UP;
-    isUp = isUp && ioctl(descriptor, SIOCSIFFLAGS, &request) == 0;
-    close(descriptor);
-    return isUp;
-}
-
-bool EnterPrivateNetwork()
-{
-    if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-        return false;
-    // Thousands of connections a second would otherwise use up the ports within a minute.
-    std::ofstream("/proc/sys/net/ipv4/tcp_max_tw_buckets") << 0;
-    return SetUpInterface("lo", "127.0.0.1") && SetUpInterface("lo:1", kGatewayAddress);
-}
 
 } // namespace
 
@@ -537,7 +296,7 @@ extern "C" const char* __lsan_default_options()
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    if (EnterPrivateNetwork())
+    if (EnterPrivateNetwork(LifeGateway::kAddress))
         return 0;
     std::puts("SKIPPED: no network namespace here, and a description may name any address");
     std::exit(77);
