@@ -1,5 +1,6 @@
-// The table, entry by entry. Most are functions of OpenSSL; what stands above the table corrects those that OpenSSL 3 no
-// longer has, that depend on what others left behind in the thread's error queue, or whose default is not safe.
+// The table, entry by entry. Most are functions of OpenSSL; what stands above the table corrects those that
+// OpenSSL 3 no longer has, that depend on what others left behind in the thread's error queue, or whose
+// default is not safe.
 
 #include "tavronet/openssl/OpenSSLProvider.h"
 

@@ -9,10 +9,9 @@
 ///
 /// Every mode is TLS 1.2 or 1.3, whichever is the highest that the peer has too; modes differ in nothing.
 /// Certificates:  the file may hold the whole chain, the own certificate first.
-/// Trusted CAs:   once loaded, the peer must show a certificate that they vouch for, clients as well as servers.
+/// Trusted CAs:   once loaded, every peer must show a certificate that they vouch for, client or server.
 ///                Without them anybody is accepted.
-/// Host name:     told to the server (addresses are not); with trusted CAs its certificate must be for that name or
-///                address.
+/// Host name:     told to the server (addresses are not); with trusted CAs its certificate must be for it.
 /// Ciphers:       suites without authentication or encryption are left out, whatever the list says.
 /// Restricted:    when OpenSSL's default properties ask for the FIPS provider.
 /// A peer cannot renegotiate, and sessions are not resumed, since every socket has a context of its own.

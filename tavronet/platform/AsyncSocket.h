@@ -70,8 +70,8 @@ public:
     /// input of their own. Ignored without a handle.
     void RequestRead();
 
-    /// Makes FD_WRITE due when the system takes data again: for owners that let somebody else write to the handle, who
-    /// has met a would-block. To be called right after it.
+    /// Makes FD_WRITE due when the system takes data again: for owners that let somebody else write to the
+    /// handle, who has met a would-block. To be called right after it.
     void RequestWrite();
 
     /// Connects to numeric address text, or looks the text up as an IPv4 host name without blocking.

@@ -5,8 +5,9 @@
 namespace tavronet
 {
 
-/// While it lives, a write of this thread to a connection that the peer has closed raises no SIGPIPE: the signal is
-/// blocked, and one that became pending meanwhile is discarded. Changes no signal disposition and leaves errno alone.
+/// While it lives, a write of this thread to a connection that the peer has closed raises no SIGPIPE: the
+/// signal is blocked, and one that became pending meanwhile is discarded. Changes no signal disposition and
+/// leaves errno alone.
 class SigPipeBlock
 {
 public:

@@ -1,5 +1,5 @@
-/// The table through which CTavroProductSocket calls an SSL library. No SSL header is needed: the opaque types below are
-/// OpenSSL's own, so that its functions fit the pointers.
+/// The table through which CTavroProductSocket calls an SSL library. No SSL header is needed: the opaque
+/// types below are OpenSSL's own, so that its functions fit the pointers.
 #ifndef TAVRONET_SOCKET_OPENSSLCONTRACT_H
 #define TAVRONET_SOCKET_OPENSSLCONTRACT_H
 
@@ -37,11 +37,12 @@ enum SSLError
 ///
 /// Ownership: the host's; it outlives every socket in SSL mode. The library only reads it.
 /// Entries: a function of OpenSSL under its own name, or the role that the comment tells. Any may be null.
-/// Members of the same name call their entry when the provider is loaded and the entry present; otherwise they do
-/// nothing and return 0 or null.
+/// Members of the same name call their entry when the provider is loaded and the entry present; otherwise
+/// they do nothing and return 0 or null.
 /// Thread: entries run on the threads of the sockets.
 /// An entry must not: delete or close a socket, call one, dispatch messages, throw.
-/// May: leave errors in the thread's error queue; the library empties it before each call that reads or writes.
+/// May: leave errors in the thread's error queue; the library empties it before each call that reads or
+/// writes.
 class TAVRONET_API COpenSSL
 {
 public:
@@ -50,8 +51,8 @@ public:
     /// The socket I/O objects of this provider never raise SIGPIPE: it need not be blocked around each call.
     bool m_bRaisesNoSignals = false;
 
-    // The table. Paths are wide as the library has them, except in SSL_CTX_load_verify_locations, whose member converts
-    // them to UTF-8.
+    // The table. Paths are wide as the library has them, except in SSL_CTX_load_verify_locations, whose
+    // member converts them to UTF-8.
 
     /// For modes other than 1.
     const ssl_method_st* (*m_pSSL_method)() = nullptr;

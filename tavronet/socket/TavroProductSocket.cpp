@@ -71,7 +71,7 @@ CTavroProductSocket::~CTavroProductSocket()
 {
     StopSSLMode();
     CAsyncSocket::Close();
-    ReleaseSSL();
+    FreeSSLState();
 }
 
 /// To be called where the table of virtual functions is this class's own: by its constructor.
@@ -133,6 +133,7 @@ void CTavroProductSocket::Close()
         return;
     CAsyncSocket::Close();
     m_pPendingWrite.reset();
+    StopSSLMode(); // what it has deferred cannot go on without the handle
 }
 
 bool CTavroProductSocket::CanClose()
@@ -214,8 +215,8 @@ void CTavroProductSocket::OnReceive(int error)
         return;
 
     // What waits behind a session that must write first would be reported without end; the write notification
-    // looks for it.
-    if (blocked && m_bSSLWaitsToWrite)
+    // looks for it. So would what waits behind the peer's close alert; leaving the session does.
+    if ((blocked && (m_bSSLWaitsToWrite || GetConnecting())) || SSLHasEnded())
         return;
     if (OkayToReceive() && guard.Alive() && HandleId() == handle)
         AsyncSelect(FD_ALL);
@@ -248,6 +249,7 @@ bool CTavroProductSocket::OkayToSend()
 void CTavroProductSocket::OnSend(int error)
 {
     const tavronet::LifetimeGuard guard(*this);
+    const bool readWaits = m_bSSLWaitsToWrite; // perhaps; a read that finds nothing does no harm
     if (error == 0 && m_bSSLAcceptPending)
         SSLAccept();
     if (!guard.Alive())
@@ -257,14 +259,17 @@ void CTavroProductSocket::OnSend(int error)
         m_bSendDuringSSLAccept = true;
     else if (m_pPendingWrite == nullptr || FlushPendingWrite())
         CTavroSocket::OnSend(error);
+    if (guard.Alive() && readWaits)
+        RequestRead();
     if (guard.Alive() && error == 0 && m_bExitSSLModeWhenDone)
         StopSSLMode();
 }
 
 int CTavroProductSocket::SendData(unsigned char* data, int length, int flags)
 {
-    // Bytes that were compressed or offered to the session go first; behind a handshake nothing goes in clear.
-    if (m_pPendingWrite != nullptr || m_bSSLAcceptPending) {
+    // Bytes that were compressed or offered to the session go first; during a handshake, and between the close
+    // alerts, nothing goes at all.
+    if (m_pPendingWrite != nullptr || SSLHoldsSends()) {
         WSASetLastError(WSAEWOULDBLOCK);
         return SOCKET_ERROR;
     }

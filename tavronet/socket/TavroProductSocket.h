@@ -8,10 +8,15 @@
 #include "tavronet/platform/TickCount.h"
 #include "tavronet/platform/Types.h"
 #include "tavronet/socket/ByteBuffer.h"
+#include "tavronet/socket/OpenSSLContract.h"
 #include "tavronet/socket/TavroSocket.h"
 
-class COpenSSL;
 class CZLibCompression;
+
+namespace tavronet
+{
+struct SSLOutcome;
+}
 
 /// The bits of a connection's type word. Only the zlib bit has a meaning of its own here; derived classes give
 /// the others theirs.
@@ -105,8 +110,9 @@ public:
 
     // --- SSL mode
 
-    /// Names the provider for all sockets; once, before any of them enters SSL mode. Not owned.
+    /// Names the provider for all sockets; once, before any of them enters SSL mode. It outlives them.
     static void Init(COpenSSL* provider);
+    /// One that is not loaded when none was named.
     static COpenSSL& GetOpenSSL();
 
     /// Enters SSL mode `mode`, or leaves it with mode 0. Does nothing when that is the mode already.
@@ -114,12 +120,19 @@ public:
     /// @param certFile, keyFile, trustedCAFile PEM files, empty for none; a refused one ends in its hook and the
     ///        mode stays 0.
     /// @param password of the private key; kept for GetSSLCertPassword.
+    /// Until the handshake has completed what is sent waits; when it has, what was received in clear and not
+    /// consumed is dropped. After a failed one sends are an error and what arrives is discarded. Bytes that are
+    /// queued already go out inside the session: before an upgrade, wait for CanClose(). Nothing ends a
+    /// handshake or a closing exchange that the peer does not go on with; Close always works.
     void SetSSLMode(UINT mode, bool noSSLv2, bool weakCiphers, const CStringW& certFile,
                     const CStringW& keyFile, const CStringW& trustedCAFile, const CStringA& password);
     /// SetSSLMode with mode 0. While a write or a handshake is under way, and until the peer has answered the
     /// close alert, leaving is deferred: GetExitSSLModeWhenDone() tells.
     void StopSSLMode();
 
+    /// For the next SetSSLMode of a client: which host is meant. The server is told; when trusted CAs are
+    /// loaded, its certificate must be for that name or address. Empty, as at first: whoever the CAs vouch for.
+    void SetSSLHostName(const CStringA& name);
     /// The part played in the next SetSSLMode: server (the default) or client, and whether a client loads the
     /// files too.
     void SetSSLServer(bool server, bool useCertificates)
@@ -228,7 +241,8 @@ protected:
     /// those of the cipher.
     virtual void NotifySSLAcceptSuccess(const char* cipherName, const char* version, const char* description,
                                         const char* peerCertificate, int bits);
-    /// Called:  when a handshake has failed or a context could not be made, with the provider's oldest error.
+    /// Called:  when a handshake has failed or a context could not be made, with the provider's oldest error;
+    ///          the reason also says what was wrong with a certificate that was refused.
     virtual void NotifySSLAcceptError(const char* library, const char* function, const char* reason);
     /// Called:  when SSL mode has been left.
     virtual void NotifySSLConnectionShutdown();
@@ -246,6 +260,7 @@ protected:
 private:
     class FlagScope;
     struct SSLState; // context, session and what belongs to them
+    struct SSLRefusal;
 
     /// Bytes that the compressor or the SSL session has counted in already: they go out as they are, before
     /// anything else.
@@ -259,7 +274,7 @@ private:
 
     void OfferShortRoads() const;
     bool IsLastToTransform() const;
-    bool IsBlocked() const { return m_bSSLAcceptPending || m_bExitSSLModeWhenDone; }
+    bool IsBlocked() const { return m_bSSLAcceptPending || (m_bExitSSLModeWhenDone && !m_bSSLDrains); }
     int SendPlain(unsigned char* data, int length, int flags);
     int WriteToWire(unsigned char* data, int length, int flags);
     bool WriteOut(tavronet::ByteBuffer& bytes, int flags);
@@ -271,13 +286,32 @@ private:
     bool InflateReceived(unsigned char*& buffer, int& received, int held);
     bool InflateInto(tavronet::ByteBuffer& bytes, const unsigned char* wire, int wireLength);
 
+    SSLState& NeedSSLState();
     bool HasSSLSession() const;
+    bool HasSSLWire() const;
+    bool SSLHoldsSends() const;
+    bool SSLHasEnded() const;
+    SSLRefusal MakeSSLSession(UINT mode, bool noSSLv2, bool weakCiphers, const CStringW& certFile,
+                              const CStringW& keyFile, const CStringW& trustedCAFile,
+                              const CStringA& password);
+    void StartHandshake(UINT mode);
     void SSLAccept();
+    void NoteSSLWants(const tavronet::SSLOutcome& outcome);
+    void FinishHandshake();
+    void ReportSSLSuccess();
+    void UseSession();
+    void FailHandshake();
     void SSLSendAcceptError();
-    void ReleaseSSL();
+    void DropSendQueue();
     int SSLReceive(unsigned char* buffer, int length, int flags);
+    int NotePeerClosed(int result);
+    int DiscardClearText();
     int SSLSend(unsigned char* data, int length, int flags);
     int SSLLastError();
+    bool SSLIsBusy() const;
+    bool ExchangeCloseAlerts();
+    void ReleaseSSL();
+    void FreeSSLState();
 
     static COpenSSL* m_pOpenSSL;
 
@@ -297,6 +331,7 @@ private:
     bool m_bSSLAcceptSuccessNotify : 1 = false;
     bool m_bSSLWaitsToWrite : 1 = false; // the session's last step asked for room to write
     bool m_bSSLMustRepeat : 1 = false;   // its last write has to be offered again, the very same bytes
+    bool m_bSSLDrains : 1 = false;       // while leaving, data stands in front of the peer's close alert
 
     bool m_bInOnClose = false;
     bool m_bInPostClose = false;

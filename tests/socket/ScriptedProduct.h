@@ -17,6 +17,17 @@ public:
     SCRIPTED_HOOK(void, BytesInCompressed, (int plain, int wire), (plain, wire))
     SCRIPTED_HOOK(void, BytesOutCompressed, (int plain, int wire), (plain, wire))
     SCRIPTED_HOOK(void, NotifyInflateError, (), ())
+    SCRIPTED_HOOK(void, NotifySSLAcceptPending, (), ())
+    SCRIPTED_HOOK(void, NotifySSLAcceptSuccess,
+                  (const char* name, const char* version, const char* description, const char* certificate,
+                   int bits),
+                  (name, version, description, certificate, bits))
+    SCRIPTED_HOOK(void, NotifySSLAcceptError, (const char* library, const char* function, const char* reason),
+                  (library, function, reason))
+    SCRIPTED_HOOK(void, NotifySSLConnectionShutdown, (), ())
+    SCRIPTED_HOOK(void, NotifySSLCantOpenCertFile, (const wchar_t* path), (path))
+    SCRIPTED_HOOK(void, NotifySSLCantOpenPrivateKeyFile, (const wchar_t* path), (path))
+    SCRIPTED_HOOK(void, NotifySSLCantLoadTrustedCAFile, (const wchar_t* path), (path))
 
     using CTavroProductSocket::GetCompressionLevel;
     using CTavroProductSocket::GetMissedReceive;
@@ -28,6 +39,14 @@ public:
     using CTavroProductSocket::SetMaxInflatedBytes;
     using CTavroProductSocket::UsingCompression;
 
+    /// As where a close alert only ends the session.
+    void BaseOnClose(int error)
+    {
+        const tavronet::LifetimeGuard guard(*this);
+        CTavroProductSocket::OnClose(error);
+        if (guard.Alive())
+            StopSSLMode();
+    }
     void BaseSetOkayToSend(bool allowed) { CTavroProductSocket::SetOkayToSend(allowed); }
 
     /// Has ProcessReceive take everything.

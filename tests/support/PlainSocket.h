@@ -41,6 +41,8 @@ public:
     /// 0 for a listener on a machine that lacks the family.
     [[nodiscard]] UINT Port() const;
     [[nodiscard]] SOCKET Handle() const { return static_cast<SOCKET>(m_Descriptor); }
+    /// Gives the socket to the caller, who closes it.
+    [[nodiscard]] SOCKET Releases() { return static_cast<SOCKET>(std::exchange(m_Descriptor, -1)); }
 
     /// @return whether the connection took the bytes.
     bool Writes(const std::string& bytes, int flags = 0) const;
