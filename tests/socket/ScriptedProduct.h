@@ -45,7 +45,7 @@ public:
         const tavronet::LifetimeGuard guard(*this);
         CTavroProductSocket::OnClose(error);
         if (guard.Alive())
-            StopSSLMode();
+            this->StopSSLMode();
     }
     void BaseSetOkayToSend(bool allowed) { CTavroProductSocket::SetOkayToSend(allowed); }
 
