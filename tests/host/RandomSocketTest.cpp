@@ -10,6 +10,7 @@
 #include "RandomHost.h"
 #include "tavronet/platform/ByteArray.h"
 #include "tests/socket/ScriptedProduct.h"
+#include "tests/socket/ToySSL.h"
 
 namespace
 {
@@ -143,8 +144,18 @@ public:
 
     explicit SocketHost(unsigned seed) : RandomHost(seed)
     {
+        m_Toy.fault = [this](int, const std::string& entry) {
+            const int faults[] = {kSSLErrorWantRead, kSSLErrorWantWrite, kSSLErrorSyscall, kSSLErrorFatal};
+            return OneIn(64) ? Pick(faults) : entry == "shake" && OneIn(32) ? ToySSL::kRetry : 0;
+        };
         for (std::unique_ptr<Socket>& socket : m_Sockets)
             socket = std::make_unique<Socket>(*this);
+    }
+    ~SocketHost()
+    {
+        for (std::unique_ptr<Socket>& socket : m_Sockets)
+            socket.reset();
+        EXPECT_EQ(m_Toy.alive, 0) << "contexts and sessions";
     }
 
     void Run()
@@ -175,6 +186,8 @@ public:
 private:
     void Do(Socket& socket);
     void DoWithProduct(Socket& socket);
+    void AttachSSL(Socket& socket, Socket& other);
+    void EnterSSL(Socket& socket, bool server);
     void Replace(Socket& socket);
     void Listen(Socket& socket);
     void Connect(Socket& socket);
@@ -183,6 +196,7 @@ private:
     void Exchange(Socket& socket);
     void ExpectWhole(Socket& socket);
 
+    ToySSL m_Toy;
     std::unique_ptr<Socket> m_Sockets[6]; // never null
     UINT m_Port = 0;
 };
@@ -226,7 +240,13 @@ void SocketHost<Hooks>::Do(Socket& socket)
     case 1: return Connect(socket);
     case 2: socket.AsyncSelect(); return;
     case 3: return socket.OnReceive(0);
-    default: return socket.GetSocket() == INVALID_SOCKET ? Attach(socket, Any()) : Exchange(socket);
+    default:
+        if (socket.GetSocket() != INVALID_SOCKET)
+            return Exchange(socket);
+        if constexpr (Socket::kProduct)
+            if (OneIn(2))
+                return AttachSSL(socket, Any());
+        return Attach(socket, Any());
     }
 }
 
@@ -264,33 +284,60 @@ void SocketHost<Hooks>::Connect(Socket& socket)
 template <typename Hooks>
 void SocketHost<Hooks>::Attach(Socket& socket, Socket& other)
 {
-    int ends[2]; // -1 when given away
+    int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    struct Closing
+    {
+        int& end; // -1 when given away
+        ~Closing() { close(end); }
+    } const closing[] = {{ends[0]}, {ends[1]}};
     const auto attach = [](Socket& to, int end) {
         if (!to.CAsyncSocket::Attach(static_cast<SOCKET>(end), FD_ALL)) // it has a handle already
             close(end);
     };
+    const tavronet::LifetimeGuard otherAlive(other);
     InTurn(
         socket, [&] { socket.Close(); }, [&] { attach(socket, std::exchange(ends[0], -1)); },
         [&] { return OneIn(2) ? attach(socket, static_cast<int>(socket.Detach())) : void(); });
-    close(ends[0]);
-    InTurn(
-        other, [&] { other.Close(); }, [&] { attach(other, std::exchange(ends[1], -1)); });
-    close(ends[1]);
+    if (otherAlive.Alive())
+        InTurn(
+            other, [&] { other.Close(); }, [&] { attach(other, std::exchange(ends[1], -1)); });
 }
 
 template <typename Hooks>
 void SocketHost<Hooks>::DoWithProduct(Socket& socket)
 {
-    switch (Below(8)) {
+    switch (Below(12)) {
     case 0: return socket.PauseReceive(OneIn(2));
     case 1: return socket.IncrementPendingPackets();
     case 2: return socket.SetDeleteWhenDone(OneIn(2));
     case 3: socket.CanClose(); return;
     case 4: return socket.SetNotZlibType();
     case 5: socket.SetZlibType(); return static_cast<void>(socket.InitCompression(15));
+    case 6: return socket.StopSSLMode();
+    case 7: return socket.SetOkayToCloseDuringSSLShutdown(OneIn(2));
+    case 8: return EnterSSL(socket, OneIn(2));
+    case 9: return AttachSSL(socket, Any());
     default: socket.PacketProcessed();
     }
+}
+
+template <typename Hooks>
+void SocketHost<Hooks>::AttachSSL(Socket& socket, Socket& other)
+{
+    const tavronet::LifetimeGuard otherAlive(other);
+    InTurn(
+        socket, [&] { Attach(socket, other); },
+        [&] { return otherAlive.Alive() ? EnterSSL(other, false) : void(); },
+        [&] { EnterSSL(socket, true); });
+}
+
+template <typename Hooks>
+void SocketHost<Hooks>::EnterSSL(Socket& socket, bool server)
+{
+    socket.SetSSLServer(server, false);
+    socket.SetSSLAcceptSuccessNotify(OneIn(2));
+    socket.SetSSLMode(OneIn(8) ? 0 : 1 + Below(2), true, false, L"", L"", L"", "");
 }
 
 template <typename Hooks>
