@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "tavronet/openssl/OpenSSLProvider.h"
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/MessageQueue.h"
 #include "tavronet/socket/TavroProductSocket.h"
@@ -43,6 +44,7 @@ struct Options
     int size = 100;
     int sendBufferBytes = 0; // 0: the system's default
     int receiveBufferBytes = 0;
+    CStringW certificate, key; // PEM files; with them a CTavroProductSocket enters SSL mode
 };
 
 Options g_Options;
@@ -58,6 +60,7 @@ public:
         SetOption(IPPROTO_TCP, TCP_NODELAY, 1);
         if (g_Options.sendBufferBytes != 0)
             SetOption(SOL_SOCKET, SO_SNDBUF, g_Options.sendBufferBytes);
+        EnterSSLMode(*this);
     }
 
 protected:
@@ -97,6 +100,13 @@ private:
     {
         setsockopt(static_cast<int>(GetSocket()), level, option, &value, sizeof value);
     }
+
+    static void EnterSSLMode(CTavroProductSocket& socket)
+    {
+        if (!g_Options.certificate.IsEmpty())
+            socket.SetSSLMode(2, true, false, g_Options.certificate, g_Options.key, L"", "");
+    }
+    static void EnterSSLMode(CTavroSocket&) {}
 
     void CountDown(int received)
     {
@@ -228,6 +238,8 @@ void ReadOptions(int argc, char** argv)
             g_Options.mode = ModeOf(value);
         else if (name == "--bytes")
             g_Options.bytes = std::atoll(value);
+        else if (name == "--cert" || name == "--key")
+            (name == "--cert" ? g_Options.certificate : g_Options.key) = CStringW(value);
         else if (const auto number = numbers.find(name); number != numbers.end())
             *number->second = std::atoi(value);
         else
@@ -250,6 +262,7 @@ int main(int argc, char** argv)
 {
     ReadOptions(argc, argv);
     AllowManyConnections();
+    CTavroProductSocket::Init(OpenSSLProvider());
     Listener listener;
     if (!listener.Start())
         Fail("cannot listen, error " + std::to_string(WSAGetLastError()));
