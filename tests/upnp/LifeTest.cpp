@@ -158,14 +158,14 @@ std::ptrdiff_t CountDescriptors()
     return std::distance(begin(descriptors), end(descriptors));
 }
 
-/// A host that keeps a port mapped for an hour a day, in the ninety minutes for which its machine has a network.
+/// A host that maps a port for half an hour a day, in the forty minutes for which its machine has a network.
 class LongLife : public tavronet::OnPrivateLan
 {
 protected:
     // A "day" is a part of the counter's turn: what happens at its wrap happens at the next one too.
     static constexpr DWORD kDayMs = 0xFFFFFFFF / 50, kDays = 61;
-    static constexpr DWORD kPluggedMs = 90 * kMinuteMs, kMappedMs = 60 * kMinuteMs,
-                           kDisturbedMs = 50 * kMinuteMs;
+    static constexpr DWORD kPluggedMs = 40 * kMinuteMs, kMappedMs = 30 * kMinuteMs,
+                           kDisturbedMs = 25 * kMinuteMs;
     static constexpr DWORD kWrapDay = 4;
     static constexpr int kAfterFourSearches = -1;
 
