@@ -1,4 +1,4 @@
-// The places of the re-entrancy matrix that need discovery sockets, and those inside the flat interface.
+// The places of the re-entrancy matrix that need discovery sockets, and the wait of the flat interface.
 
 #include "tavronet/api/UPnPApi.h"
 #include "tests/support/GatewayProcess.h"
@@ -48,6 +48,22 @@ TEST_F(LanReentrancy, TheHostMayDoAnythingWhereAnExpiredDeviceIsSearchedFor)
                               }};
     Gateway();
     Host::MayDoAnythingIn(expired, true);
+}
+
+TEST_F(LanReentrancy, TheHostMayDoAnythingInTheWaitForDiscovery)
+{
+    const Host::Place discovering{"Discovering", 0, false, [](auto& host) {
+                                      const struct Closing
+                                      {
+                                          ~Closing() { UPnPClose(); }
+                                      } closing;
+                                      InTheWait([&host] {
+                                          host.Act(host.Device());
+                                          TestClock::Advance(10101);
+                                      });
+                                      EXPECT_EQ(UPnPDiscover(true, nullptr), UPnPSuccess);
+                                  }};
+    Host::MayDoAnythingIn(discovering);
 }
 
 } // namespace

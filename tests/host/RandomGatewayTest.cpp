@@ -261,7 +261,7 @@ using RandomHostOnALan = tavronet::OnPrivateLan;
 
 TEST_F(RandomHostOnALan, OfGatewaysLeavesNothingSet)
 {
-    RunHosts<GatewayHost>(20000);
+    RunHosts<GatewayHost>(12000);
 }
 
 } // namespace

@@ -228,7 +228,7 @@ void SocketHost<Hooks>::Do(Socket& socket)
     case 11: delete[] socket.GetSendBuffer(); return socket.ClearSendBuffer();
     case 12: return socket.SetOkayToSend(OneIn(2));
     case 13: return socket.RequestRead();
-    case 14: return socket.SetOnReceivePeekBufferSize(Below(20000));
+    case 14: return socket.SetOnReceivePeekBufferSize(Below(22500));
     case 15: return socket.OnSend(0);
     case 16: return PostThreadCall(CurrentThreadQueue(), act, this);
     }
@@ -393,7 +393,7 @@ TYPED_TEST_SUITE(RandomHostOf, Kinds);
 
 TYPED_TEST(RandomHostOf, SocketsLeavesThemWholeOrGone)
 {
-    RunHosts<SocketHost<TypeParam>>(20000);
+    RunHosts<SocketHost<TypeParam>>(22500);
 }
 
 } // namespace
