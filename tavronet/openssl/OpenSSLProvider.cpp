@@ -7,13 +7,20 @@
 #include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/sha.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
+#include <new>
 #include <string>
 
+#include "tavronet/openssl/ContextRecipe.h"
 #include "tavronet/openssl/SocketBio.h"
 #include "tavronet/platform/String.h"
+
+using tavronet::ContextRecipe;
+using tavronet::FileState;
 
 namespace
 {
@@ -23,46 +30,109 @@ constexpr long kNoSSLv2Of1_0 = 0x1000000; // since then the bit means something 
 
 constexpr char kNeverUsable[] = ":!aNULL:!eNULL";
 
-// --- Contexts
+// --- Contexts: recipes, see there. Only the entries below take them apart.
 
-SSL_CTX* NewContext(const SSL_METHOD* method)
+ContextRecipe& Of(ssl_ctx_st* context)
 {
-    SSL_CTX* const context = SSL_CTX_new(method);
-    if (context == nullptr)
+    return *reinterpret_cast<ContextRecipe*>(context);
+}
+
+ssl_ctx_st* NewContext(const SSL_METHOD* method)
+{
+    if (method == nullptr)
         return nullptr;
-    // A write is repeated from where its bytes then stand; an idle session holds no buffers.
-    SSL_CTX_set_mode(context, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
-    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
-    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_TICKET);
-    SSL_CTX_set_num_tickets(context, 0); // nobody could come back with one
-    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    return context;
+    return reinterpret_cast<ssl_ctx_st*>(new (std::nothrow) ContextRecipe(method));
 }
 
-long ControlContext(SSL_CTX* context, int command, long argument, void* pointer)
+void FreeContext(ssl_ctx_st* context)
 {
-    if (command == kSetOptions)
-        return static_cast<long>(
-            SSL_CTX_set_options(context, static_cast<std::uint64_t>(argument & ~kNoSSLv2Of1_0)));
-    return SSL_CTX_ctrl(context, command, argument, pointer);
+    delete &Of(context);
 }
 
-int SetCipherList(SSL_CTX* context, const char* list)
+SSL* NewSession(ssl_ctx_st* context)
 {
-    return SSL_CTX_set_cipher_list(context, (std::string(list) + kNeverUsable).c_str());
+    return Of(context).NewSession();
 }
 
-int UseCertificateFile(SSL_CTX* context, const wchar_t* file, int type)
+long ControlContext(ssl_ctx_st* context, int command, long argument, void* pointer)
+{
+    const std::string name = "ctrl " + std::to_string(command) + " " + std::to_string(argument);
+    const auto control = [=](SSL_CTX* made) {
+        if (command != kSetOptions)
+            return SSL_CTX_ctrl(made, command, argument, pointer) != 0;
+        SSL_CTX_set_options(made, static_cast<std::uint64_t>(argument & ~kNoSSLv2Of1_0));
+        return true;
+    };
+    return Of(context).Add(name, control) ? 1 : 0;
+}
+
+int SetCipherList(ssl_ctx_st* context, const char* list)
+{
+    const std::string safe = std::string(list) + kNeverUsable;
+    return Of(context).Add("ciphers " + safe, [safe](SSL_CTX* made) {
+        return SSL_CTX_set_cipher_list(made, safe.c_str()) == 1;
+    });
+}
+
+int UseCertificateFile(ssl_ctx_st* context, const wchar_t* file, int type)
 {
     const CStringA path(file);
-    if (type == SSL_FILETYPE_PEM)
-        return SSL_CTX_use_certificate_chain_file(context, path);
-    return SSL_CTX_use_certificate_file(context, path, type);
+    const auto use = [path, type](SSL_CTX* made) {
+        return (type == SSL_FILETYPE_PEM ? SSL_CTX_use_certificate_chain_file(made, path)
+                                         : SSL_CTX_use_certificate_file(made, path, type)) == 1;
+    };
+    return Of(context).Add("certificate " + FileState(path) + std::to_string(type), use);
 }
 
-int UsePrivateKeyFile(SSL_CTX* context, const wchar_t* file, int type)
+void SetPasswordCallback(ssl_ctx_st* context, pem_password_cb* callback)
 {
-    return SSL_CTX_use_PrivateKey_file(context, CStringA(file), type);
+    Of(context).passwordCallback = callback;
+}
+
+void SetPasswordData(ssl_ctx_st* context, void* data)
+{
+    Of(context).passwordData = data;
+}
+
+/// Of the pass phrase: the key may be known, but only to those who know this too.
+std::string PhraseDigest(const ContextRecipe& recipe)
+{
+    char phrase[PEM_BUFSIZE] = "";
+    const int length = recipe.passwordCallback != nullptr
+                           ? recipe.passwordCallback(phrase, sizeof phrase, 0, recipe.passwordData)
+                           : 0;
+    std::string digest(SHA256_DIGEST_LENGTH, '\0');
+    SHA256(reinterpret_cast<unsigned char*>(phrase), static_cast<std::size_t>(std::max(length, 0)),
+           reinterpret_cast<unsigned char*>(digest.data()));
+    OPENSSL_cleanse(phrase, sizeof phrase);
+    return digest;
+}
+
+int UsePrivateKeyFile(ssl_ctx_st* context, const wchar_t* file, int type)
+{
+    ContextRecipe& recipe = Of(context);
+    const CStringA path(file);
+    const auto use = [path, type, callback = recipe.passwordCallback,
+                      data = recipe.passwordData](SSL_CTX* made) {
+        SSL_CTX_set_default_passwd_cb(made, callback);
+        SSL_CTX_set_default_passwd_cb_userdata(made, data);
+        const bool used = SSL_CTX_use_PrivateKey_file(made, path, type) == 1;
+        SSL_CTX_set_default_passwd_cb(made, nullptr); // the context may outlive them
+        SSL_CTX_set_default_passwd_cb_userdata(made, nullptr);
+        return used;
+    };
+    return recipe.Add("key " + FileState(path) + std::to_string(type) + PhraseDigest(recipe), use);
+}
+
+int LoadAuthorities(ssl_ctx_st* context, const char* file, const char* directory)
+{
+    const std::string files = file != nullptr ? file : "",
+                      directories = directory != nullptr ? directory : "";
+    const auto load = [files, directories](SSL_CTX* made) {
+        return SSL_CTX_load_verify_locations(made, files.empty() ? nullptr : files.c_str(),
+                                             directories.empty() ? nullptr : directories.c_str()) == 1;
+    };
+    return Of(context).Add("authorities " + FileState(files.c_str()) + directories, load);
 }
 
 /// Tells clients whose certificates are welcome. @return false when memory is exhausted.
@@ -77,10 +147,13 @@ bool NameLoadedCAs(SSL_CTX* context)
     return true;
 }
 
-int TrustLoaded(SSL_CTX* context)
+int TrustLoaded(ssl_ctx_st* context)
 {
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-    return NameLoadedCAs(context) ? 1 : 0;
+    const auto trust = [](SSL_CTX* made) {
+        SSL_CTX_set_verify(made, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        return NameLoadedCAs(made);
+    };
+    return Of(context).Add("trust", trust);
 }
 
 // --- Sessions
@@ -152,15 +225,15 @@ COpenSSL MakeProvider()
     provider.m_pSSL_method = TLS_method;
     provider.m_pSSL_method_mode1 = TLS_method;
     provider.m_pSSL_CTX_new = NewContext;
-    provider.m_pSSL_CTX_free = SSL_CTX_free;
+    provider.m_pSSL_CTX_free = FreeContext;
     provider.m_pSSL_CTX_use_certificate_file = UseCertificateFile;
-    provider.m_pSSL_CTX_set_default_passwd_cb = SSL_CTX_set_default_passwd_cb;
-    provider.m_pSSL_CTX_set_default_passwd_cb_userdata = SSL_CTX_set_default_passwd_cb_userdata;
+    provider.m_pSSL_CTX_set_default_passwd_cb = SetPasswordCallback;
+    provider.m_pSSL_CTX_set_default_passwd_cb_userdata = SetPasswordData;
     provider.m_pSSL_CTX_use_PrivateKey_file = UsePrivateKeyFile;
-    provider.m_pSSL_CTX_load_verify_locations = SSL_CTX_load_verify_locations;
+    provider.m_pSSL_CTX_load_verify_locations = LoadAuthorities;
     provider.m_pSSL_CTX_trust_loaded = TrustLoaded;
     provider.m_pSSL_CTX_set_cipher_list = SetCipherList;
-    provider.m_pSSL_new = SSL_new;
+    provider.m_pSSL_new = NewSession;
     provider.m_pSSL_set_bio = SSL_set_bio;
     provider.m_pSSL_free = SSL_free;
     provider.m_pSSL_accept = WithoutOldErrors<SSL_accept>;

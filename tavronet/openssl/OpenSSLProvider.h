@@ -14,7 +14,9 @@
 /// Host name:     told to the server (addresses are not); with trusted CAs its certificate must be for it.
 /// Ciphers:       suites without authentication or encryption are left out, whatever the list says.
 /// Restricted:    when OpenSSL's default properties ask for the FIPS provider.
-/// A peer cannot renegotiate, and sessions are not resumed, since every socket has a context of its own.
+/// A peer cannot renegotiate, and sessions are not resumed.
+/// Contexts:      those set up alike, from files that have not changed, share what they hold, and the last 16
+///                kinds are kept: the files are read once. They are for the entries of this table only.
 /// No entry raises SIGPIPE or depends on the error queue of the thread.
 /// @return a table that lives as long as the process; to change an entry, copy it.
 TAVRONET_API COpenSSL* OpenSSLProvider();

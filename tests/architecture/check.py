@@ -21,7 +21,7 @@ ONLY_IN = {
     "pugixml.hpp": re.compile(r"^tavronet/upnp/Modern\w*\.(h|cpp)$"),
     "dlfcn.h": re.compile(r"^tavronet/platform/DynamicLibrary\.cpp$"),
     "zlib.h": re.compile(r"^tavronet/socket/ZLibLibrary\.h$"),
-    "openssl/": re.compile(r"^tavronet/openssl/\w*\.cpp$"), # all headers of that folder
+    "openssl/": re.compile(r"^tavronet/openssl/\w*\.(h|cpp)$"), # all headers of that folder
 }
 # Here only headers may not form a circle: the queue, the sockets and their delivery are one machine in several files.
 ONE_MACHINE = {"platform"}
