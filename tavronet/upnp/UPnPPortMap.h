@@ -1,6 +1,10 @@
 #ifndef TAVRONET_UPNP_UPNPPORTMAP_H
 #define TAVRONET_UPNP_UPNPPORTMAP_H
 
+#include <array>
+#include <cstddef>
+#include <memory>
+
 #include "tavronet/platform/Export.h"
 #include "tavronet/platform/String.h"
 #include "tavronet/platform/Types.h"
@@ -26,18 +30,18 @@ public:
     virtual ~CUPnPPortMap();
 
     /// Each text is valid while the record stays unchanged.
-    const wchar_t* GetPortMappingIndex() const { return m_PortMappingIndex; }
-    const wchar_t* GetRemoteHost() const { return m_RemoteHost; }
-    const wchar_t* GetExternalPort() const { return m_ExternalPort; }
-    const wchar_t* GetProtocol() const { return m_Protocol; }
-    const wchar_t* GetInternalPort() const { return m_InternalPort; }
-    const wchar_t* GetInternalClient() const { return m_InternalClient; }
-    const wchar_t* GetEnabled() const { return m_Enabled; }
-    const wchar_t* GetPortMappingDescription() const { return m_PortMappingDescription; }
-    const wchar_t* GetLeaseDuration() const { return m_LeaseDuration; }
+    const wchar_t* GetPortMappingIndex() const { return TextAt(IndexText); }
+    const wchar_t* GetRemoteHost() const { return TextAt(HostText); }
+    const wchar_t* GetExternalPort() const { return TextAt(ExternalPortText); }
+    const wchar_t* GetProtocol() const { return TextAt(ProtocolText); }
+    const wchar_t* GetInternalPort() const { return TextAt(InternalPortText); }
+    const wchar_t* GetInternalClient() const { return TextAt(ClientText); }
+    const wchar_t* GetEnabled() const { return TextAt(EnabledText); }
+    const wchar_t* GetPortMappingDescription() const { return TextAt(DescriptionText); }
+    const wchar_t* GetLeaseDuration() const { return TextAt(LeaseText); }
 
-    void SetRemoteHost(const char* remoteHost) { m_RemoteHost = remoteHost; }
-    void SetEnabled(const char* enabled) { m_Enabled = enabled; }
+    void SetRemoteHost(const char* remoteHost) { SetText(HostText, remoteHost); }
+    void SetEnabled(const char* enabled) { SetText(EnabledText, enabled); }
 
     /// Whether the gateway accepted the last add, or the last delete, of this record.
     bool GetAdded() const { return m_Added; }
@@ -52,16 +56,32 @@ public:
     unsigned int InternalPort() const;
     DWORD LeaseDuration() const; ///< seconds; 0 = without end
 
+    /// How many characters the texts have together.
+    std::size_t TextLength() const;
+
 private:
-    CString m_PortMappingIndex;
-    CString m_RemoteHost;
-    CString m_ExternalPort;
-    CString m_Protocol;
-    CString m_InternalPort;
-    CString m_InternalClient;
-    CString m_Enabled;
-    CString m_PortMappingDescription;
-    CString m_LeaseDuration;
+    enum Which
+    {
+        IndexText,
+        HostText,
+        ExternalPortText,
+        ProtocolText,
+        InternalPortText,
+        ClientText,
+        EnabledText,
+        DescriptionText,
+        LeaseText,
+        TextCount
+    };
+    using Texts = std::array<CStringW, TextCount>;
+
+    const wchar_t* TextAt(int which) const;
+    void SetText(int which, const char* text);
+    Texts Unpacked() const;
+    void Pack(const Texts& texts);
+
+    std::unique_ptr<wchar_t[]>
+        m_pTexts; // one behind the other, each with its zero: a table may have 65536 records
     bool m_Added = false;
     bool m_Deleted = false;
 };
