@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tavronet/upnp/DescriptionBuilder.h"
+#include "tavronet/upnp/Limits.h"
 #include "tavronet/upnp/ProtocolText.h"
 
 namespace tavronet
@@ -12,6 +13,16 @@ namespace
 {
 
 constexpr wchar_t kSearchTarget[] = L"urn:schemas-upnp-org:device:WANConnectionDevice:1";
+
+/// FindElement, for texts that are not longer than any real one.
+bool ReadText(const DocumentLines& lines, std::string_view element, std::string_view& value)
+{
+    std::string_view found;
+    if (!FindElement(lines.Line(), lines.LowerLine(), element, found) || found.size() > kMaxElementTextBytes)
+        return false;
+    value = found;
+    return true;
+}
 
 /// Reads a description tag by tag: structure tags count where they begin a line (or, closing ones, stand on
 /// it), values where their element opens and closes on one line.
@@ -31,6 +42,8 @@ private:
         bool services = false;
     };
 
+    bool NextLine();
+
     template <typename Node, typename Fields>
     void ReadFields(Node& node, const Fields& fields);
 
@@ -44,12 +57,22 @@ private:
     DescriptionBuilder m_Builder;
 };
 
+/// The next line that is not empty.
+bool DescriptionReader::NextLine()
+{
+    do {
+        if (!m_Lines.Next())
+            return false;
+    } while (m_Lines.Line().empty());
+    return true;
+}
+
 bool DescriptionReader::ReadDevice(CUPnPDevice& device)
 {
     const LifetimeGuard guard(device);
     bool opened = false;
     Lists inside;
-    while (m_Lines.Next()) {
+    while (NextLine()) {
         if (m_Lines.Begins("<device>"))
             opened = true;
         else
@@ -70,7 +93,7 @@ void DescriptionReader::ReadURLBase(CUPnPDevice& device)
 {
     std::string_view value;
     CString& base = DescriptionBuilder::URLBase(device);
-    if (base.IsEmpty() && FindElement(m_Lines.Line(), m_Lines.LowerLine(), "urlbase", value))
+    if (base.IsEmpty() && ReadText(m_Lines, "urlbase", value))
         base = Widen(value);
 }
 
@@ -143,7 +166,7 @@ URLParts ControlAddress(CUPnPService& service)
 bool DescriptionReader::ReadService(CUPnPService& service)
 {
     bool opened = false;
-    while (m_Lines.Next()) {
+    while (NextLine()) {
         opened = opened || m_Lines.Begins("<service>");
         if (!opened)
             continue;
@@ -162,7 +185,7 @@ void DescriptionReader::ReadFields(Node& node, const Fields& fields)
         return;
     for (const auto& field : fields) {
         std::string_view value;
-        if (FindElement(m_Lines.Line(), m_Lines.LowerLine(), field.element, value))
+        if (ReadText(m_Lines, field.element, value))
             field.text(node) = Widen(value);
     }
 }
@@ -245,9 +268,7 @@ void ClassicGatewayDialect::ReadAnswer(ActionAnswer& answer, std::string_view bo
     DocumentLines lines(body.data(), static_cast<int>(body.size()));
     while (lines.Next()) {
         std::string_view value;
-        const auto read = [&](std::string_view element) {
-            return FindElement(lines.Line(), lines.LowerLine(), element, value);
-        };
+        const auto read = [&](std::string_view element) { return ReadText(lines, element, value); };
         if (!lines.Contains("</"))
             continue;
         if (answer.status != 200) {

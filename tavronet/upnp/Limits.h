@@ -15,8 +15,18 @@ inline constexpr int kMaxDeviceDepth = 32;
 /// Embedded devices and services of one description. Real gateways have about ten.
 inline constexpr int kMaxDescriptionNodes = 1024;
 
+/// Tags of an XML document. A loaded element takes many times the room of its text; 1024 nodes with all their texts
+/// have half as many.
+inline constexpr int kMaxXmlTags = 32768;
+
+/// One text of a description or an answer; real ones have up to 300 bytes. A URL is joined with those of each node.
+inline constexpr std::size_t kMaxElementTextBytes = 2048;
+
 /// Entries of a gateway's mapping table: the index travels as a 16-bit number.
 inline constexpr int kMaxPortMapEntries = 65536;
+
+/// Characters of all texts of a listed table; a table as long as it may be has about 40 for an entry.
+inline constexpr std::size_t kMaxPortMapCharacters = 3 * 1024 * 1024;
 
 /// Ports are 16-bit numbers; ranges given by a first port and a count end here at the latest.
 inline constexpr unsigned int kHighestPort = 65535;
@@ -43,6 +53,11 @@ inline constexpr DWORD kVerifySpacingMs = 10000;
 /// One HTTP response, header and body. Descriptions of real gateways stay below 100 KiB, and the response is
 /// searched and read on the host's thread.
 inline constexpr std::size_t kMaxHttpResponseBytes = 1024 * 1024;
+
+/// What all responses of a thread that are still arriving may hold together, and how much each may hold whatever the
+/// others do: an ordinary answer arrives while many large ones are under way.
+inline constexpr std::size_t kMaxHeldResponseBytes = 4 * 1024 * 1024;
+inline constexpr std::size_t kOrdinaryResponseBytes = 64 * 1024;
 
 /// The whole life of an HTTP connection: a peer that sends a byte now and then is never idle.
 inline constexpr DWORD kMaxHttpConnectionAgeMs = 60000;

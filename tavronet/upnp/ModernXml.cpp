@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tavronet/platform/TextConversion.h"
+#include "tavronet/upnp/Limits.h"
 
 namespace tavronet
 {
@@ -175,15 +176,9 @@ void Repair::TakeCData()
 {
     constexpr std::string_view kStart = "<![CDATA[";
     constexpr std::string_view kEnd = "]]>";
-    const std::size_t end = m_Rest.find(kEnd);
-    for (const char c : m_Rest.substr(0, end).substr(kStart.size())) {
-        if (c == '<')
-            m_Out += "&lt;";
-        else if (c == '&')
-            m_Out += "&amp;";
-        else
-            m_Out += c;
-    }
+    const std::size_t end = m_Rest.find(kEnd, kStart.size());
+    m_Out += m_Rest.substr(0, end);
+    m_Out += kEnd;
     m_Rest.remove_prefix(end == kNotFound ? m_Rest.size() : end + kEnd.size());
 }
 
@@ -238,6 +233,8 @@ void Repair::CloseTop()
 
 bool LoadXml(std::string_view text, pugi::xml_document& document)
 {
+    if (std::ranges::count(text, '<') > kMaxXmlTags)
+        return false;
     if (IsUtf16(text)) {
         document.load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);
         return !document.first_child().empty();
@@ -266,7 +263,8 @@ CString TextOf(const pugi::xml_node& element)
         if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
             text += child.value();
     }
-    return Widen(Trimmed(std::string_view(text)));
+    const std::string_view trimmed = Trimmed(std::string_view(text));
+    return trimmed.size() <= kMaxElementTextBytes ? Widen(trimmed) : CString();
 }
 
 pugi::xml_node NextNode(pugi::xml_node node)

@@ -1,5 +1,7 @@
 #include "tavronet/upnp/ProtocolText.h"
 
+#include <cstring>
+
 #include "tavronet/upnp/UPnPObject.h"
 
 namespace tavronet
@@ -28,6 +30,13 @@ bool BehindScheme(std::wstring_view url, std::wstring_view& rest)
 
 } // namespace
 
+std::size_t FindText(std::string_view text, std::string_view wanted)
+{
+    const void* const found = memmem(text.data(), text.size(), wanted.data(), wanted.size());
+    return found == nullptr ? kNotFound
+                            : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
+
 bool FindHeader(std::string_view message, std::string_view key, bool skipKey, std::string_view& value)
 {
     const std::string header = LowerCased(message.substr(0, message.find("\r\n\r\n")));
@@ -43,11 +52,13 @@ bool FindHeader(std::string_view message, std::string_view key, bool skipKey, st
 bool FindElement(std::string_view line, std::string_view lowerLine, std::string_view name,
                  std::string_view& value)
 {
+    if (lowerLine.size() <= name.size()) // most lines of an attacker are short, and there are very many
+        return false;
     const std::string opening = "<" + std::string(name);
-    const std::size_t start = lowerLine.find(opening);
+    const std::size_t start = FindText(lowerLine, opening);
     if (start == kNotFound)
         return false;
-    const std::size_t end = lowerLine.find("</" + std::string(name) + ">");
+    const std::size_t end = FindText(lowerLine, "</" + std::string(name) + ">");
     if (end == kNotFound || end <= start)
         return false;
     const std::size_t tagEnd = lowerLine.find('>', start); // at the latest the closing tag's own
@@ -118,7 +129,10 @@ bool DocumentLines::Next()
     const std::size_t length = end - m_Cursor;
     m_RawLine = m_Text.substr(m_Cursor, length); // a zero byte inside ends it early
     m_Line = Trimmed(m_RawLine);
-    m_LowerLine = LowerCased(m_Line);
+    if (m_Line.empty()) // a megabyte may hold a million of these
+        m_LowerLine.clear();
+    else
+        m_LowerLine = LowerCased(m_Line);
     m_Cursor = end + separator;
     m_Remaining -= static_cast<int>(length + separator);
     return true;

@@ -13,6 +13,9 @@
 namespace tavronet
 {
 
+/// Finds a text in another in time proportional to their length, whatever they are.
+std::size_t FindText(std::string_view text, std::string_view wanted);
+
 /// Finds a header value, trimmed, between `key` and the end of its line.
 /// @param key in lower case; found in any letter case, before the message's first blank line.
 /// @param value unchanged when the key is not there.
@@ -53,7 +56,10 @@ public:
     std::string_view RawLine() const { return m_RawLine; }     ///< as received, not trimmed
 
     bool Begins(std::string_view lowerTag) const { return m_LowerLine.starts_with(lowerTag); }
-    bool Contains(std::string_view lowerTag) const { return m_LowerLine.find(lowerTag) != std::string::npos; }
+    bool Contains(std::string_view lowerTag) const
+    {
+        return m_LowerLine.size() >= lowerTag.size() && FindText(m_LowerLine, lowerTag) != std::string::npos;
+    }
 
     /// Behind the last line taken.
     const char* Position() const { return m_pText + m_Cursor; }

@@ -341,7 +341,10 @@ bool CUPnPDevice::GetPortMaps(void* cancel, std::vector<CUPnPPortMap*>& list)
         return false;
 
     const bool listIsOurs = &list == &m_PortMaps;
-    for (int index = 0; index < tavronet::kMaxPortMapEntries; ++index) {
+    std::size_t characters = 0;
+    for (int index = 0; index < tavronet::kMaxPortMapEntries && characters < tavronet::kMaxPortMapCharacters;
+         ++index)
+    {
         CStringA indexText;
         indexText.Format("%d", index);
         const bool wait = true;
@@ -360,6 +363,7 @@ bool CUPnPDevice::GetPortMaps(void* cancel, std::vector<CUPnPPortMap*>& list)
             return true; // behind the last entry
         std::unique_ptr<CUPnPPortMap> entry =
             EntryOf(*service, 1, Narrow(service->GetCommandParameterResult(0)));
+        characters += entry->TextLength();
         list.push_back(entry.get());
         entry.release();
     }

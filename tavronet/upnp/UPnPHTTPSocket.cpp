@@ -77,6 +77,8 @@ unsigned int InterfaceOf(CUPnPDevice* device, const sockaddr_storage& heardFrom)
     return index > 0 ? static_cast<unsigned int>(index) : 0;
 }
 
+thread_local std::size_t t_HeldBytes = 0; // of all responses that are still arriving
+
 bool IsOneWord(const CString& text)
 {
     return std::ranges::all_of(text.View(), [](wchar_t c) { return c > L' ' && c != 0x7f; });
@@ -96,7 +98,16 @@ CUPnPHTTPSocket::CUPnPHTTPSocket(const char* localAddress, UINT localPort, const
         Connect(CStringW(host), hostPort);
 }
 
-CUPnPHTTPSocket::~CUPnPHTTPSocket() = default;
+CUPnPHTTPSocket::~CUPnPHTTPSocket()
+{
+    Hold(0);
+}
+
+void CUPnPHTTPSocket::Hold(std::size_t bytes)
+{
+    t_HeldBytes += bytes - m_HeldBytes;
+    m_HeldBytes = bytes;
+}
 
 bool CUPnPHTTPSocket::Overdue() const
 {
@@ -154,7 +165,9 @@ bool CUPnPHTTPSocket::HeaderArrived(std::string_view message)
 
 bool CUPnPHTTPSocket::Acceptable(std::string_view message) const
 {
-    return message.size() <= tavronet::kMaxHttpResponseBytes &&
+    const bool hasRoom =
+        message.size() <= tavronet::kOrdinaryResponseBytes || t_HeldBytes <= tavronet::kMaxHeldResponseBytes;
+    return hasRoom && message.size() <= tavronet::kMaxHttpResponseBytes &&
            m_pFrame->announced <= static_cast<int>(tavronet::kMaxHttpResponseBytes);
 }
 
@@ -168,6 +181,7 @@ bool CUPnPHTTPSocket::ProcessReceive(unsigned char*& data, int& length)
     }
 
     const bool headerArrived = HeaderArrived(message);
+    Hold(message.size());
     if (!Acceptable(message)) {
         ReleaseSocket();
         return false;
@@ -183,6 +197,7 @@ bool CUPnPHTTPSocket::ProcessReceive(unsigned char*& data, int& length)
 void CUPnPHTTPSocket::Deliver(std::string_view message)
 {
     m_bHTMLProcessed = true;
+    Hold(0);
     std::string storage;
     const std::string_view body = tavronet::DialectOf(*m_pUPnPObject).DecodeBody(message, *m_pFrame, storage);
     m_pUPnPObject->ProcessHTML(this, message.data(), static_cast<int>(message.size()), body.data(),

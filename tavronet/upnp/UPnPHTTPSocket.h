@@ -23,7 +23,8 @@ struct ResponseFrame;
 /// Owner: the device or service that made it. ReleaseSocket deletes it, also inside its own notifications.
 /// During a notification: the object reads the response, which may raise host events; the host may then do
 /// anything, including the deletion of this socket, its object and the network.
-/// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s.
+/// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s. All that are
+/// still arriving hold 4 MiB together; one beyond 64 KiB that would exceed this counts as none, too.
 class TAVRONET_API CUPnPHTTPSocket : public CUPnPSocket
 {
 public:
@@ -70,6 +71,7 @@ private:
     CUPnPDevice* HeardDevice() const;
     bool HeaderArrived(std::string_view message);
     bool Acceptable(std::string_view message) const;
+    void Hold(std::size_t bytes);
     void Deliver(std::string_view message);
     void DeliverHeldResponse();
 
@@ -78,6 +80,7 @@ private:
     bool m_bHTMLProcessed = false;
     bool m_CutShort = false;
     std::unique_ptr<tavronet::ResponseFrame> m_pFrame; // never null
+    std::size_t m_HeldBytes = 0;                       // of a response that is still arriving
     DWORD m_CreatedTick;
 };
 
