@@ -74,6 +74,13 @@ public:
     /// Every request so far, byte for byte.
     const std::vector<std::string>& Requests() const { return m_Requests; }
 
+    /// Forgets the requests and connections so far, all of which have been answered and closed.
+    void Forget()
+    {
+        m_Requests.clear();
+        m_Connections.clear();
+    }
+
     /// The connections in the order they were made.
     std::size_t Connections() const { return m_Connections.size(); }
     /// @return whether the peer may get it. When not, nobody misses the bytes.
