@@ -30,6 +30,9 @@ constexpr UINT kMaxPendingPackets = 10; // the tenth stops reception
 constexpr int kDefaultCompressionLevel = 6;
 constexpr int kWindowBits = 15; // zlib format, window of 32 KiB
 
+constexpr int kMostReadsAtClose =
+    1000; // far beyond what the system holds; a hook may ask for passes without end
+
 constexpr LONG kPausedEvents = FD_ALL & ~FD_READ;
 
 } // namespace
@@ -150,11 +153,18 @@ void CTavroProductSocket::OnConnect(int error)
         SSLAccept();
 }
 
+// One notification reads only so much, and what it leaves would wait behind gates that nobody opens any more.
 void CTavroProductSocket::OnClose(int error)
 {
+    const tavronet::LifetimeGuard guard(*this);
+    const std::uint64_t handle = HandleId();
     CTavroSocket::OnClose(error);
     const FlagScope draining(*this, m_bInOnClose);
-    OnReceive(0);
+    int left = kMostReadsAtClose;
+    do {
+        m_CutShort = false;
+        OnReceive(0);
+    } while (guard.Alive() && HandleId() == handle && m_CutShort && --left > 0);
 }
 
 int CTavroProductSocket::GetLastError()

@@ -290,6 +290,7 @@ private:
     bool m_Connecting : 1 = false;
     bool m_PlainSend : 1 = false; // the last SendData ended in the base, which never takes a chunk over
     bool m_BulkInput : 1 = false; // more comes at a time than the spare array holds
+    bool m_CutShort : 1 = false;  // the last notification ended at the limit of its passes
 
     tavronet::ByteBuffer m_ReceiveBuffer;
     mutable tavronet::ByteBuffer m_SendBuffer; // GetSendBuffer moves the bytes to the start of their array

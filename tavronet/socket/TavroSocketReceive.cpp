@@ -165,8 +165,11 @@ bool CTavroSocket::ReadPasses(const tavronet::LifetimeGuard& guard, std::uint64_
             break;
         }
     }
-    if (guard.Alive() && reading.askedAgain)
-        RequestRead();
+    if (guard.Alive()) {
+        m_CutShort = passes == kMaxReadPasses;
+        if (reading.askedAgain)
+            RequestRead();
+    }
     return reading.aborted && reading.GoesOn();
 }
 

@@ -47,6 +47,10 @@ public:
         if (guard.Alive())
             this->StopSSLMode();
     }
+    int BaseReceiveData(unsigned char* buffer, int length, int flags)
+    {
+        return CTavroProductSocket::ReceiveData(buffer, length, flags);
+    }
     void BaseSetOkayToSend(bool allowed) { CTavroProductSocket::SetOkayToSend(allowed); }
 
     /// Has ProcessReceive take everything.
