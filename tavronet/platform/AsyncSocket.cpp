@@ -239,6 +239,11 @@ BOOL CAsyncSocket::AsyncSelect(LONG events)
     return 1;
 }
 
+bool CAsyncSocket::IsDrained() const
+{
+    return m_Events == FD_ALL && (m_State & State::Drained) != 0;
+}
+
 void CAsyncSocket::RequestRead()
 {
     if (m_hSocket == INVALID_SOCKET)

@@ -121,6 +121,10 @@ protected:
     /// @return false with the last error when the system cannot tell; `count` is then unchanged.
     bool WaitingBytes(UINT& count);
 
+    /// Whether everything is selected and the input has been read to its end, so that AsyncSelect would only tell
+    /// once more that the socket takes data. Costs no system call.
+    bool IsDrained() const;
+
     /// Names the present handle: never 0, never used twice on a thread, 0 without a handle. A hook that
     /// closed and re-created the socket has changed it.
     std::uint64_t HandleId() const { return m_Id; }

@@ -228,7 +228,11 @@ void CTavroProductSocket::OnReceive(int error)
     // looks for it. So would what waits behind the peer's close alert; leaving the session does.
     if ((blocked && (m_bSSLWaitsToWrite || GetConnecting())) || SSLHasEnded())
         return;
-    if (OkayToReceive() && guard.Alive() && HandleId() == handle)
+    if (!OkayToReceive() || !guard.Alive() || HandleId() != handle)
+        return;
+    // A session reads past the system's reports. Otherwise there is often nothing to report again, and the write
+    // notification that comes of it would cost every message a turn of the loop.
+    if (blocked || HasSSLSession() || !IsDrained())
         AsyncSelect(FD_ALL);
 }
 
