@@ -304,6 +304,7 @@ private:
     void SSLSendAcceptError();
     void DropSendQueue();
     int SSLReceive(unsigned char* buffer, int length, int flags);
+    bool WireHasEnded();
     int NotePeerClosed(int result);
     int DiscardClearText();
     int SSLSend(unsigned char* data, int length, int flags);

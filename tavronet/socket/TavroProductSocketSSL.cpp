@@ -364,10 +364,21 @@ int CTavroProductSocket::SSLReceive(unsigned char* buffer, int length, int flags
         return outcome.result;
 
     const bool closed = outcome.error == kSSLErrorZeroReturn;
-    WSASetLastError(outcome.WouldBlock() || closed ? WSAEWOULDBLOCK : WSAECONNABORTED);
+    const bool broken = !outcome.WouldBlock() && !closed;
+    // After an aborted read the pipeline closes the handle; of a connection that has ended OnClose is to tell.
+    const int error = broken && !peeks && WireHasEnded() ? WSAECONNRESET : WSAECONNABORTED;
+    WSASetLastError(broken ? error : WSAEWOULDBLOCK);
     if (closed && !m_bInOnClose)
         return NotePeerClosed(outcome.result);
     return peeks ? CTavroSocket::ReceiveData(buffer, length, MSG_PEEK) : outcome.result;
+}
+
+/// Whether the system has no more to read, so that the close notification follows.
+bool CTavroProductSocket::WireHasEnded()
+{
+    unsigned char byte = 0;
+    const int waiting = CAsyncSocket::Receive(&byte, 1, MSG_PEEK);
+    return waiting == 0 || (waiting < 0 && WSAGetLastError() != WSAEWOULDBLOCK);
 }
 
 /// The peer's close alert. @return what the read came to, -1 when the close hook has deleted this socket.
