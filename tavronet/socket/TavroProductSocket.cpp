@@ -20,6 +20,7 @@
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/SocketCalls.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/socket/SpareBuffer.h"
 #include "tavronet/socket/VirtualEntry.h"
 #include "tavronet/socket/ZLibCompression.h"
 
@@ -65,7 +66,6 @@ CTavroProductSocket::CTavroProductSocket(UINT type, UINT compressionLevel)
       m_nCompressionLevel(compressionLevel >= 1 && compressionLevel <= 9 ? static_cast<int>(compressionLevel)
                                                                          : kDefaultCompressionLevel)
 {
-    OfferShortRoads();
     if (IsZlibType())
         InitCompression(kWindowBits); // without zlib it stays uncompressed
 }
@@ -75,32 +75,6 @@ CTavroProductSocket::~CTavroProductSocket()
     StopSSLMode();
     CAsyncSocket::Close();
     FreeSSLState();
-}
-
-/// To be called where the table of virtual functions is this class's own: by its constructor.
-void CTavroProductSocket::OfferShortRoads() const
-{
-    const CTavroSocket& base = *this;
-    static const ShortRoads roads = {
-        .sendData = tavronet::VirtualEntry(base, Transfer{&CTavroSocket::SendData}),
-        .receiveData = tavronet::VirtualEntry(base, Transfer{&CTavroSocket::ReceiveData}),
-        .sendsPlainly =
-            [](const CTavroSocket& socket) {
-                const auto& self = static_cast<const CTavroProductSocket&>(socket);
-                return self.m_pPendingWrite == nullptr && !self.UsingCompression() && !self.IsBlocked() &&
-                       !self.HasSSLSession();
-            },
-        .receivesPlainly =
-            [](const CTavroSocket& socket) {
-                const auto& self = static_cast<const CTavroProductSocket&>(socket);
-                return !self.IsBlocked() && !self.HasSSLSession();
-            },
-        .noteSent =
-            [](CTavroSocket& socket, int bytes) {
-                static_cast<CTavroProductSocket&>(socket).BytesOutCompressed(bytes, bytes);
-            },
-    };
-    m_pShortRoads.store(&roads, std::memory_order_release);
 }
 
 // --- Making, listening, closing
@@ -364,6 +338,18 @@ bool CTavroProductSocket::FlushPendingWrite()
     const std::unique_ptr<PendingWrite> written = std::move(m_pPendingWrite); // a hook finds it gone
     BytesOutCompressed(written->plainLength, written->wireLength);
     return guard.Alive() && m_pPendingWrite == nullptr;
+}
+
+bool CTavroProductSocket::SendsFromAnyMemory() const
+{
+    return tavronet::ReachesOwn<&CTavroProductSocket::SendData>(*this);
+}
+
+int CTavroProductSocket::ReadsUnasked() const
+{
+    if (!tavronet::ReachesOwn<&CTavroProductSocket::ReceiveData>(*this))
+        return 0;
+    return HasSSLSession() ? SSLReadsUnasked() : tavronet::kSpareBytes;
 }
 
 // --- The hooks as they are without a derived class

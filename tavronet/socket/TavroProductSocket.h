@@ -210,6 +210,9 @@ protected:
     /// Null `data` ends the compressed stream; -1 with WSAEWOULDBLOCK while earlier bytes wait, to be called
     /// again from OnSend.
     int SendData(unsigned char* data, int length, int flags) override;
+    /// True, and as many as a pass may have, unless a derived class has a SendData or ReceiveData of its own.
+    bool SendsFromAnyMemory() const override;
+    int ReadsUnasked() const override;
     /// Also closed while bytes wait that were compressed or offered to the SSL session. Calls PostClose.
     bool OkayToSend() override;
 
@@ -272,7 +275,6 @@ private:
         bool offeredToSession;      // the session expects exactly these bytes again
     };
 
-    void OfferShortRoads() const;
     bool IsLastToTransform() const;
     bool IsBlocked() const { return m_bSSLAcceptPending || (m_bExitSSLModeWhenDone && !m_bSSLDrains); }
     int SendPlain(unsigned char* data, int length, int flags);
@@ -305,6 +307,7 @@ private:
     void DropSendQueue();
     int SSLReceive(unsigned char* buffer, int length, int flags);
     bool WireHasEnded();
+    int SSLReadsUnasked() const;
     int NotePeerClosed(int result);
     int DiscardClearText();
     int SSLSend(unsigned char* data, int length, int flags);

@@ -92,11 +92,7 @@ void CTavroProductSocket::OnReceivePreProcessResponse(unsigned char*& buffer, in
 /// Whether no derived class can replace the array after this one has left it as it was.
 bool CTavroProductSocket::IsLastToTransform() const
 {
-    using Transform = void (CTavroSocket::*)(unsigned char*&, int&, int&);
-    constexpr Transform member = &CTavroSocket::OnReceivePreProcessResponse;
-    const auto entryOf = [](const CTavroSocket& socket) { return tavronet::VirtualEntry(socket, member); };
-    static const void* const own = entryOf(CTavroProductSocket());
-    return own != nullptr && entryOf(*this) == own;
+    return tavronet::ReachesOwn<&CTavroProductSocket::OnReceivePreProcessResponse>(*this);
 }
 
 /// Replaces the new bytes by what they inflate to. @return false when the stream has broken just now.

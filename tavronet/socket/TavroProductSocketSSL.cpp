@@ -11,6 +11,7 @@
 //   failed        sends are an error, what arrives is discarded: it may be from anybody
 //   closing       sends wait and go out in clear afterwards; what the peer sent before its alert is delivered
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -20,6 +21,7 @@
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/SocketCalls.h"
 #include "tavronet/socket/SSLSession.h"
+#include "tavronet/socket/SpareBuffer.h"
 #include "tavronet/socket/TavroProductSocket.h"
 
 using tavronet::SSLOutcome;
@@ -379,6 +381,16 @@ bool CTavroProductSocket::WireHasEnded()
     unsigned char byte = 0;
     const int waiting = CAsyncSocket::Receive(&byte, 1, MSG_PEEK);
     return waiting == 0 || (waiting < 0 && WSAGetLastError() != WSAEWOULDBLOCK);
+}
+
+/// A session tells how much it holds only by a peek, which does all the work of a read.
+int CTavroProductSocket::SSLReadsUnasked() const
+{
+    const SSLState& state = *m_pSSLState;
+    if (state.phase != Phase::Established || state.peerClosed)
+        return 0;
+    const UINT most = tavronet::kSpareBytes - 1;
+    return static_cast<int>(std::clamp<UINT>(GetOnReceivePeekBufferSize(), 1, most));
 }
 
 /// The peer's close alert. @return what the read came to, -1 when the close hook has deleted this socket.

@@ -2,11 +2,10 @@
 //
 // The road of bytes to be sent, and what it costs:
 //
-//   Send -> from the caller's memory       nothing queued and no SendData of a derived class: no copy, and
-//                                          only what the system does not take goes the way below
-//        -> behind the queued bytes        one copy; the queue's array doubles as it grows
+//   Send -> behind the queued bytes        one copy; the queue's array doubles as it grows
+//                                          none while nothing is queued and SendData leaves the bytes as they are
 //        -> OkayToSend                     closed: that was all
-//        -> SendData(the whole queue)      the array itself is handed over, nothing is copied
+//        -> SendData(the whole queue)      the array itself is handed over, or the caller's: nothing is copied
 //        -> accepted in part               the rest stays where it is in the array, and is offered again
 //        -> would block                    the array becomes the queue again; SetOkayToSend(false)
 //   write notification -> OnSend -> Send(the queue) -> as above, without the copy
@@ -49,15 +48,6 @@ void SetAddressReuse(SOCKET handle, bool on)
     platform::setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &value, sizeof value);
 }
 
-/// Ends a Send in which a hook has replaced the handle. What is left was for the old connection; what is queued
-/// may be for the new one.
-bool EndForOldHandle(bool allAccepted)
-{
-    if (!allAccepted)
-        WSASetLastError(WSAECONNABORTED);
-    return allAccepted;
-}
-
 } // namespace
 
 /// A Send that runs.
@@ -83,12 +73,24 @@ struct CTavroSocket::Sending
     /// array goes back there.
     void Replace(tavronet::ByteBuffer next);
 
+    /// What is not accepted yet: the caller's bytes where they are, or the chunk.
+    [[nodiscard]] unsigned char* Data() const { return callersLeft > 0 ? callers : chunk.Data(); }
+    [[nodiscard]] int Size() const { return callersLeft > 0 ? callersLeft : chunk.Size(); }
+    /// False when a SendData has taken the chunk over.
+    [[nodiscard]] bool Holds() const { return callersLeft > 0 || chunk.Holds(); }
+    void Drop(int count);
+    /// Makes what is left of the caller's bytes the chunk.
+    void Adopt();
+
     CTavroSocket& socket;
     tavronet::LifetimeGuard guard;
-    Flushing* flushing;         // the OnSend that called, if any; outlives this
-    tavronet::ByteBuffer chunk; // not accepted yet; no array when a SendData has taken it over
-    bool gateClosed = false;    // by a hook, while sending
-    bool writable = false;      // a write notification came while sending
+    Flushing* flushing; // the OnSend that called, if any; outlives this
+    tavronet::ByteBuffer chunk;
+    unsigned char* callers = nullptr; // not owned
+    int callersLeft = 0;
+    tavronet::ByteBuffer reserve; // room for them
+    bool gateClosed = false;      // by a hook, while sending
+    bool writable = false;        // a write notification came while sending
 };
 
 /// An OnSend that sends the queue: opens the gate meanwhile.
@@ -136,6 +138,25 @@ CTavroSocket::Sending::~Sending()
 {
     Finish();
     Replace({});
+    tavronet::GiveSpareBuffer(std::move(reserve));
+}
+
+void CTavroSocket::Sending::Drop(int count)
+{
+    if (callersLeft == 0)
+        return chunk.DropFront(count);
+    const int dropped = std::min(count, callersLeft);
+    callers += dropped;
+    callersLeft -= dropped;
+}
+
+void CTavroSocket::Sending::Adopt()
+{
+    if (callersLeft == 0)
+        return;
+    reserve.Append(callers, callersLeft);
+    chunk = std::move(reserve);
+    callersLeft = 0;
 }
 
 void CTavroSocket::Sending::Replace(tavronet::ByteBuffer next)
@@ -144,8 +165,6 @@ void CTavroSocket::Sending::Replace(tavronet::ByteBuffer next)
         flushing->queue = std::move(chunk);
     chunk = std::move(next);
 }
-
-std::atomic<const CTavroSocket::ShortRoads*> CTavroSocket::m_pShortRoads = nullptr;
 
 CTavroSocket::CTavroSocket() = default;
 CTavroSocket::~CTavroSocket() = default;
@@ -249,73 +268,38 @@ int CTavroSocket::Send(unsigned char* data, int length, int flags)
         return SendLater(data, length);
 
     const bool queued = m_SendBuffer.Holds();
-    const ShortRoads* passedBy = nullptr;
-    const bool direct = !queued && m_pFlushing == nullptr && length > 0 && SendsPlainly(passedBy);
+    const bool direct = !queued && m_pFlushing == nullptr && length > 0 && SendsFromAnyMemory();
     if (!queued && m_pFlushing != nullptr && m_pFlushing->Is(data, length))
         m_SendBuffer = std::move(m_pFlushing->queue);
-    else if (!direct) // otherwise they stay where they are until the gate was asked
+    else if (!direct)
         m_SendBuffer.Append(data, length);
 
     Sending sending(*this);
+    if (direct) {
+        sending.callers = data;
+        sending.callersLeft = length;
+    }
     const bool open = OkayToSend();
     if (!sending.guard.Alive())
         return -1;
-    const std::uint64_t handle = HandleId();
-    if (direct && !open)
-        sending.chunk.Append(data, length);
-    else if (direct)
-        SendDirectly(sending, data, length, flags, passedBy);
-    if (!sending.guard.Alive())
-        return -1;
-    if (HandleId() != handle && HandleId() != 0)
-        return EndForOldHandle(sending.chunk.Size() == 0) ? length : -1;
-    if (open && !SendChunks(sending, flags))
-        return -1;
-    if (!open)
+    if (!open) {
         QueueUnsent(sending);
-    return length;
-}
-
-/// Sends from the caller's memory. What the system does not take becomes the chunk; what stopped it is told
-/// again to whoever sends that.
-void CTavroSocket::SendDirectly(Sending& sending, const unsigned char* data, int length, int flags,
-                                const ShortRoads* passedBy)
-{
-    tavronet::ByteBuffer rest = tavronet::TakeSpareBuffer(length); // memory runs out now or not at all
-    const int taken = std::max(CAsyncSocket::Send(data, length, flags), 0);
-    if (taken > 0)
-        m_Tick = GetTickCount();
-    if (taken == length) {
-        tavronet::GiveSpareBuffer(std::move(rest));
-    } else {
-        rest.Append(data + taken, length - taken);
-        sending.chunk = std::move(rest);
+        return length;
     }
-    if (taken > 0 && passedBy != nullptr)
-        passedBy->noteSent(*this, taken);
+    if (direct)
+        sending.reserve = tavronet::TakeSpareBuffer(length); // memory runs out now or not at all
+    return SendChunks(sending, flags) ? length : -1;
 }
 
-/// Whether SendData does nothing with the bytes but send them: it may then be passed by, and needs no private copy
-/// of them.
-/// @param passedBy becomes what has to be told of the bytes instead; unchanged for nothing.
-bool CTavroSocket::SendsPlainly(const ShortRoads*& passedBy) const
+bool CTavroSocket::SendsFromAnyMemory() const
 {
-    constexpr Transfer member = &CTavroSocket::SendData;
-    static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
-    const void* const entry = tavronet::VirtualEntry(*this, member);
-    if (entry == base)
-        return base != nullptr;
-    const ShortRoads* const roads = m_pShortRoads.load(std::memory_order_acquire);
-    if (roads == nullptr || roads->sendData != entry || !roads->sendsPlainly(*this))
-        return false;
-    passedBy = roads;
-    return true;
+    return tavronet::ReachesOwn<Transfer{&CTavroSocket::SendData}>(*this);
 }
 
 /// A Send inside a hook of the running one: goes behind it without asking the hooks again.
 int CTavroSocket::SendLater(const unsigned char* data, int length)
 {
-    const std::int64_t unsent = std::int64_t{m_pSending->chunk.Size()} + m_SendBuffer.Size();
+    const std::int64_t unsent = std::int64_t{m_pSending->Size()} + m_SendBuffer.Size();
     if (unsent + length >= tavronet::kMaxByteArraySize)
         (void)tavronet::NewByteArray(unsent + length + 1); // throws: they will have to fit into one array
     if (length > 0)
@@ -329,30 +313,35 @@ bool CTavroSocket::SendChunks(Sending& sending, int flags)
     const std::uint64_t handle = HandleId();
     while (NextChunk(sending)) {
         // A SendData of a derived class may take the chunk over by the rules of the queue: as an array.
-        if (!m_PlainSend && !sending.chunk.AtStart())
+        if (!m_PlainSend && sending.callersLeft == 0 && !sending.chunk.AtStart())
             sending.Replace(sending.chunk.Copy());
         m_PlainSend = false;
 
         WSASetLastError(0); // a result of 0 says nothing by itself
-        const int accepted = SendData(sending.chunk.Data(), sending.chunk.Size(), flags);
+        const int accepted = SendData(sending.Data(), sending.Size(), flags);
         const int error = WSAGetLastError();
         if (!sending.guard.Alive())
             return false;
 
         if (accepted > 0) {
             m_Tick = GetTickCount();
-            sending.chunk.DropFront(accepted);
+            sending.Drop(accepted);
         }
         const bool handleReplaced = HandleId() != handle && HandleId() != 0;
-        if (handleReplaced)
-            return EndForOldHandle(accepted > 0 && sending.chunk.Size() == 0);
+        if (handleReplaced) {
+            // What is left was for the old connection; what is queued may be for the new one.
+            const bool done = accepted > 0 && sending.Size() == 0;
+            if (!done)
+                WSASetLastError(WSAECONNABORTED);
+            return done;
+        }
         if (accepted > 0)
             continue;
         if (error != WSAEWOULDBLOCK) {
             m_SendBuffer = tavronet::ByteBuffer();
             return false;
         }
-        if (std::exchange(sending.writable, false) && sending.chunk.Holds())
+        if (std::exchange(sending.writable, false) && sending.Holds())
             continue; // the system takes data again already
         QueueUnsent(sending);
         SetOkayToSend(false);
@@ -365,7 +354,7 @@ bool CTavroSocket::SendChunks(Sending& sending, int flags)
 /// @return whether there is something to send.
 bool CTavroSocket::NextChunk(Sending& sending)
 {
-    if (sending.chunk.Size() > 0)
+    if (sending.Size() > 0)
         return true;
     if (m_SendBuffer.Size() == 0 || sending.gateClosed)
         return false;
@@ -376,6 +365,7 @@ bool CTavroSocket::NextChunk(Sending& sending)
 /// Makes the rest of a Send the queue, in front of what hooks have queued meanwhile.
 void CTavroSocket::QueueUnsent(Sending& sending)
 {
+    sending.Adopt();
     if (sending.chunk.Holds()) // nobody has taken it over
     {
         if (m_SendBuffer.Holds())

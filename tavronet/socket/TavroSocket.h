@@ -1,7 +1,6 @@
 #ifndef TAVRONET_SOCKET_TAVROSOCKET_H
 #define TAVRONET_SOCKET_TAVROSOCKET_H
 
-#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -209,6 +208,18 @@ protected:
     /// Base:    opens or closes the gate; sends nothing.
     virtual void SetOkayToSend(bool allowed);
 
+    /// Whether SendData leaves the bytes offered as they are, so that Send may offer the caller's own instead of a
+    /// private copy; what it does not accept is copied then.
+    /// Called:  by Send when nothing is queued. Must not: change anything.
+    /// Base:    whether SendData is the base's (told on x86-64, elsewhere false).
+    virtual bool SendsFromAnyMemory() const;
+
+    /// How many bytes ReceiveData may be asked for without a peek before; 0 for none. A result of 0 or -1 is treated
+    /// like that of the peek. kSpareBytes, the most, also means that it reads what the system has, as it is.
+    /// Called:  by OnReceive at the start of a pass, when no bytes are held. Must not: change anything.
+    /// Base:    the most for the base's ReceiveData, none for one of a derived class (told on x86-64, elsewhere none).
+    virtual int ReadsUnasked() const;
+
     /// Notifications of CAsyncSocket; an override calls the base.
     void OnReceive(int error) override; // the receive pipeline
     void OnSend(int error) override;    // flushes the queue, then opens the gate
@@ -243,19 +254,6 @@ private:
     struct Reading;
     using Transfer = int (CTavroSocket::*)(unsigned char*, int, int);
 
-    /// What the connection class tells of its SendData and ReceiveData, so that its sockets take the short roads
-    /// of plain ones as long as those two add nothing.
-    friend class CTavroProductSocket;
-    struct ShortRoads
-    {
-        const void* sendData; // in the class's table of virtual functions
-        const void* receiveData;
-        bool (*sendsPlainly)(const CTavroSocket& socket);
-        bool (*receivesPlainly)(const CTavroSocket& socket);
-        void (*noteSent)(CTavroSocket& socket, int bytes); // past SendData; may run anything
-    };
-    static std::atomic<const ShortRoads*> m_pShortRoads;
-
     /// The forms of CAsyncSocket take the same road as the byte forms.
     int Receive(void* buffer, int length, int flags) override;
     int Send(const void* data, int length, int flags) override;
@@ -264,17 +262,13 @@ private:
     bool BindOrClose(const sockaddr* address, int addressLength);
 
     int SendLater(const unsigned char* data, int length);
-    void SendDirectly(Sending& sending, const unsigned char* data, int length, int flags,
-                      const ShortRoads* passedBy);
-    bool SendsPlainly(const ShortRoads*& passedBy) const;
-    bool ReceivesPlainly() const;
     bool SendChunks(Sending& sending, int flags);
     bool NextChunk(Sending& sending);
     void QueueUnsent(Sending& sending);
 
     bool ReadPasses(const tavronet::LifetimeGuard& guard, std::uint64_t handle);
     bool ReadPass(Reading& reading);
-    int ReadUnasked(Reading& reading);
+    int ReadUnasked(Reading& reading, int most);
     int ReadRest(Reading& reading, int received);
     bool PassOn(Reading& reading, int received, int held);
     int PeekWaiting();

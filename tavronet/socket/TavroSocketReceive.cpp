@@ -3,7 +3,7 @@
 // The road of a read notification, and what it costs:
 //
 //   OnReceive -> OkayToReceive, OnReceivePreRead
-//     nothing held, no ReceiveData of a derived class:
+//     nothing held, and ReceiveData needs no peek:
 //     -> read unasked                  one receive into the thread's spare array, which most messages fit;
 //                                      no system call when the socket is known to be drained
 //     otherwise, and while input comes in bulk:
@@ -180,8 +180,11 @@ bool CTavroSocket::ReadPass(Reading& reading)
         return false;
 
     reading.askedAgain = false;
-    if (!m_BulkInput && !m_ReceiveBuffer.Holds() && ReceivesPlainly()) {
-        const int received = ReadUnasked(reading);
+    const int most = m_BulkInput || m_ReceiveBuffer.Holds() ? 0 : ReadsUnasked();
+    if (most > 0) {
+        const int received = ReadUnasked(reading, most);
+        if (!reading.GoesOn())
+            return false;
         return received > 0 ? PassOn(reading, received, 0) : OnReceiveNoDataContinue(received);
     }
 
@@ -209,13 +212,14 @@ bool CTavroSocket::ReadPass(Reading& reading)
 }
 
 /// @return what the receive gave; the frame holds the array only when bytes came.
-int CTavroSocket::ReadUnasked(Reading& reading)
+int CTavroSocket::ReadUnasked(Reading& reading, int most)
 {
-    reading.Detach(tavronet::kSpareBytes);
-    const int received = CAsyncSocket::Receive(reading.array, tavronet::kSpareBytes, 0);
+    reading.Detach(most);
+    const int received = std::min(ReceiveData(reading.array, most, 0), most);
     if (received <= 0)
         tavronet::GiveSpareBuffer(reading.Let(0));
-    return received == tavronet::kSpareBytes ? received + ReadRest(reading, received) : received;
+    const bool full = received == tavronet::kSpareBytes && reading.GoesOn();
+    return full ? received + ReadRest(reading, received) : received;
 }
 
 /// The array is full: what else waits belongs to the same pass. @return how much that was.
@@ -263,16 +267,9 @@ int CTavroSocket::PeekWaiting()
     return ReceiveData(buffer, static_cast<int>(size), MSG_PEEK);
 }
 
-/// Whether ReceiveData does no more than read from the system: it may then be passed by.
-bool CTavroSocket::ReceivesPlainly() const
+int CTavroSocket::ReadsUnasked() const
 {
-    constexpr Transfer member = &CTavroSocket::ReceiveData;
-    static const void* const base = tavronet::VirtualEntry(CTavroSocket(), member);
-    const void* const entry = tavronet::VirtualEntry(*this, member);
-    if (entry == base)
-        return base != nullptr;
-    const ShortRoads* const roads = m_pShortRoads.load(std::memory_order_acquire);
-    return roads != nullptr && roads->receiveData == entry && roads->receivesPlainly(*this);
+    return tavronet::ReachesOwn<Transfer{&CTavroSocket::ReceiveData}>(*this) ? tavronet::kSpareBytes : 0;
 }
 
 int CTavroSocket::ReceiveData(unsigned char* buffer, int length, int flags)

@@ -27,6 +27,15 @@ const void* VirtualEntry([[maybe_unused]] const Object& object, [[maybe_unused]]
 #endif
 }
 
+/// Whether a call of the virtual member `kMember` of `object` reaches the function of `Class` itself and not one of
+/// a class derived from it. @return false on machines where that cannot be told.
+template <auto kMember, typename Class>
+bool ReachesOwn(const Class& object)
+{
+    static const void* const own = VirtualEntry(Class(), kMember);
+    return own != nullptr && VirtualEntry(object, kMember) == own;
+}
+
 } // namespace tavronet
 
 #endif
