@@ -33,7 +33,8 @@ namespace
 constexpr int kDescriptionBytes = 1024;
 constexpr int kLeavingPeekBytes = 100;
 constexpr int kDiscardBytes = 16384;
-constexpr int kMaxDiscards = 32; // a read notification; then the other sockets have their turn
+constexpr int kRecordBytes = 16384; // the most that a session reads at once
+constexpr int kMaxDiscards = 32;    // a read notification; then the other sockets have their turn
 
 enum class Phase
 {
@@ -389,8 +390,9 @@ int CTavroProductSocket::SSLReadsUnasked() const
     const SSLState& state = *m_pSSLState;
     if (state.phase != Phase::Established || state.peerClosed)
         return 0;
-    const UINT most = tavronet::kSpareBytes - 1;
-    return static_cast<int>(std::clamp<UINT>(GetOnReceivePeekBufferSize(), 1, most));
+    const UINT wanted = GetOnReceivePeekBufferSize();
+    return wanted == kDefaultPeekBytes ? kRecordBytes
+                                       : static_cast<int>(std::clamp<UINT>(wanted, 1, kRecordBytes));
 }
 
 /// The peer's close alert. @return what the read came to, -1 when the close hook has deleted this socket.

@@ -119,7 +119,8 @@ public:
     /// Whether a read notification was refused or could not be served to its end.
     bool GetMissedReceive() const { return m_MissedReceive; }
 
-    /// The most one pass reads when the source of ReceiveData cannot tell how much waits; default 10240.
+    /// The most one pass reads when the source of ReceiveData cannot tell how much waits; default 10240. An SSL session
+    /// is read a record at a time (16384) unless this was changed.
     UINT GetOnReceivePeekBufferSize() const { return m_OnReceivePeekBufferSize; }
     void SetOnReceivePeekBufferSize(UINT bytes) { m_OnReceivePeekBufferSize = bytes; }
 
@@ -238,6 +239,8 @@ protected:
     /// Inside SendData: whether these are all the bytes that Send has offered, where it has offered them.
     bool IsSendChunk(const unsigned char* data, int length) const;
 
+    static constexpr UINT kDefaultPeekBytes = 10240;
+
     /// The bytes received and not consumed, null when there are none; a zero byte follows. During a pass the
     /// pipeline holds them and this is null.
     const unsigned char* GetReceiveBuffer() const { return m_ReceiveBuffer.Data(); }
@@ -277,7 +280,7 @@ private:
 
     DWORD m_Tick = 0; // of the last activity
     UINT m_Port = 0;  // as given to Create
-    UINT m_OnReceivePeekBufferSize = 10240;
+    UINT m_OnReceivePeekBufferSize = kDefaultPeekBytes;
     bool m_OkayToSend : 1 = false;
     bool m_MissedReceive : 1 = false;
     bool m_Connected : 1 = false;
