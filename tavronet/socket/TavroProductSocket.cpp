@@ -136,9 +136,8 @@ void CTavroProductSocket::OnClose(int error)
     const FlagScope draining(*this, m_bInOnClose);
     int left = kMostReadsAtClose;
     do {
-        m_CutShort = false;
         OnReceive(0);
-    } while (guard.Alive() && HandleId() == handle && m_CutShort && --left > 0);
+    } while (guard.Alive() && HandleId() == handle && TakeCutShort() && --left > 0);
 }
 
 int CTavroProductSocket::GetLastError()

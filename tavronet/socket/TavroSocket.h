@@ -249,6 +249,9 @@ protected:
     /// Moves the received bytes out to the caller, so that they outlive this socket.
     tavronet::ByteBuffer TakeReceiveBuffer();
 
+    /// Whether a read notification has ended at the limit of its passes since this was asked last.
+    bool TakeCutShort();
+
     void SetMissedReceive(bool missed) { m_MissedReceive = missed; }
 
 private:

@@ -173,6 +173,13 @@ bool CTavroSocket::ReadPasses(const tavronet::LifetimeGuard& guard, std::uint64_
     return reading.aborted && reading.GoesOn();
 }
 
+bool CTavroSocket::TakeCutShort()
+{
+    const bool cut = m_CutShort;
+    m_CutShort = false;
+    return cut;
+}
+
 /// @return whether to start another pass.
 bool CTavroSocket::ReadPass(Reading& reading)
 {
