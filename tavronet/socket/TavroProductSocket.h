@@ -200,7 +200,9 @@ protected:
     void OnReceive(int error) override;
     void OnSend(int error) override;
     void OnConnect(int error) override;
-    /// Also reads and delivers what is left, whatever the pause and the pending packets say.
+    /// Also reads and delivers what is left, whatever the pause and the pending packets say. In SSL mode it comes
+    /// for the peer's close alert too, and with WSAECONNABORTED when the session has broken; the handle is then
+    /// closed right after it.
     void OnClose(int error) override;
     int ReceiveData(unsigned char* buffer, int length, int flags) override;
     /// Inflates what arrived, when compression is in use, and counts it. An override calls it first.
@@ -309,6 +311,7 @@ private:
     bool WireHasEnded();
     int SSLReadsUnasked() const;
     int NotePeerClosed(int result);
+    int NoteSessionBroken(int result);
     int DiscardClearText();
     int SSLSend(unsigned char* data, int length, int flags);
     int SSLLastError();

@@ -373,6 +373,8 @@ int CTavroProductSocket::SSLReceive(unsigned char* buffer, int length, int flags
     WSASetLastError(broken ? error : WSAEWOULDBLOCK);
     if (closed && !m_bInOnClose)
         return NotePeerClosed(outcome.result);
+    if (broken && !peeks && error == WSAECONNABORTED && !m_bInOnClose)
+        return NoteSessionBroken(outcome.result);
     return peeks ? CTavroSocket::ReceiveData(buffer, length, MSG_PEEK) : outcome.result;
 }
 
@@ -404,6 +406,19 @@ int CTavroProductSocket::NotePeerClosed(int result)
     const tavronet::LifetimeGuard guard(*this);
     OnClose(0);
     return guard.Alive() ? result : SOCKET_ERROR;
+}
+
+/// Nothing more can be read from this session although the connection lives. The pipeline closes the handle for that,
+/// and nothing would tell the host. @return what the read came to, -1 when the close hook has deleted this socket.
+int CTavroProductSocket::NoteSessionBroken(int result)
+{
+    const tavronet::LifetimeGuard guard(*this);
+    if (!std::exchange(m_pSSLState->peerClosed, true))
+        OnClose(WSAECONNABORTED);
+    if (!guard.Alive())
+        return SOCKET_ERROR;
+    WSASetLastError(WSAECONNABORTED);
+    return result;
 }
 
 /// Without a handshake that has completed nobody knows who sends: what arrives is read and forgotten.
