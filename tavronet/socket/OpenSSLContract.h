@@ -40,6 +40,9 @@ enum SSLError
 /// Members of the same name call their entry when the provider is loaded and the entry present; otherwise
 /// they do nothing and return 0 or null.
 /// Thread: entries run on the threads of the sockets.
+/// Want-read: the entry has taken all the input there was, or some of it; it is called again at once while input
+/// waits, otherwise when some comes. Want-write: it is called again when the system takes data, whatever input
+/// waits. Other errors are final.
 /// An entry must not: delete or close a socket, call one, dispatch messages, throw.
 /// May: leave errors in the thread's error queue; the library empties it before each call that reads or
 /// writes.

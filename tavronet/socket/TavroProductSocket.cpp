@@ -197,9 +197,7 @@ void CTavroProductSocket::OnReceive(int error)
     if (!guard.Alive() || m_bInOnClose || handle == 0 || HandleId() != handle)
         return;
 
-    // What waits behind a session that must write first would be reported without end; the write notification
-    // looks for it. So would what waits behind the peer's close alert; leaving the session does.
-    if ((blocked && (m_bSSLWaitsToWrite || GetConnecting())) || SSLHasEnded())
+    if (!SSLTakesInput()) // what waits would be reported without end
         return;
     if (!OkayToReceive() || !guard.Alive() || HandleId() != handle)
         return;
@@ -236,7 +234,7 @@ bool CTavroProductSocket::OkayToSend()
 void CTavroProductSocket::OnSend(int error)
 {
     const tavronet::LifetimeGuard guard(*this);
-    const bool readWaits = m_bSSLWaitsToWrite; // perhaps; a read that finds nothing does no harm
+    const bool readWaits = m_bSSLWaitsToWrite;
     if (error == 0 && m_bSSLAcceptPending)
         SSLAccept();
     if (!guard.Alive())

@@ -294,7 +294,7 @@ private:
     bool HasSSLSession() const;
     bool HasSSLWire() const;
     bool SSLHoldsSends() const;
-    bool SSLHasEnded() const;
+    bool SSLTakesInput() const;
     SSLRefusal MakeSSLSession(UINT mode, bool noSSLv2, bool weakCiphers, const CStringW& certFile,
                               const CStringW& keyFile, const CStringW& trustedCAFile,
                               const CStringA& password);
@@ -336,9 +336,10 @@ private:
     bool m_bSSLServer : 1 = true;
     bool m_bSSLUseCertificates : 1 = true;
     bool m_bSSLAcceptSuccessNotify : 1 = false;
-    bool m_bSSLWaitsToWrite : 1 = false; // the session's last step asked for room to write
-    bool m_bSSLMustRepeat : 1 = false;   // its last write has to be offered again, the very same bytes
-    bool m_bSSLDrains : 1 = false;       // while leaving, data stands in front of the peer's close alert
+    bool m_bSSLWaitsToWrite : 1 = false;     // the session's last step but a write asked for room to write
+    bool m_bSSLMustRepeat : 1 = false;       // its last write has to be offered again, the very same bytes
+    bool m_bSSLWriteWaitsToRead : 1 = false; // and asked for input
+    bool m_bSSLDrains : 1 = false;           // while leaving, data stands in front of the peer's close alert
 
     bool m_bInOnClose = false;
     bool m_bInPostClose = false;

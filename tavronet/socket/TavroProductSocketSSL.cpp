@@ -138,10 +138,19 @@ bool CTavroProductSocket::SSLHoldsSends() const
            (m_pSSLState->phase == Phase::Handshaking || m_pSSLState->phase == Phase::Closing);
 }
 
-/// Whether nothing can be read until the host leaves SSL mode.
-bool CTavroProductSocket::SSLHasEnded() const
+/// Whether input that still waits may be taken when a read notification comes at once. Otherwise something else
+/// has to come first: room to write, the outcome of the connect, the end of what is sent, the host's leaving.
+bool CTavroProductSocket::SSLTakesInput() const
 {
-    return HasSSLSession() && m_pSSLState->peerClosed && m_pSSLState->phase != Phase::Closing;
+    if (!HasSSLSession())
+        return true;
+    if (!HasSSLWire() || m_bSSLWaitsToWrite)
+        return false;
+    if (m_bSSLAcceptPending)
+        return !GetConnecting();
+    if (m_bExitSSLModeWhenDone)
+        return !SSLIsBusy() || m_bSSLWriteWaitsToRead;
+    return !m_pSSLState->peerClosed;
 }
 
 // --- Entering
@@ -436,7 +445,7 @@ int CTavroProductSocket::DiscardClearText()
 int CTavroProductSocket::SSLSend(unsigned char* data, int length, int flags)
 {
     SSLState& state = *m_pSSLState;
-    m_bSSLMustRepeat = false;
+    m_bSSLMustRepeat = m_bSSLWriteWaitsToRead = false;
     if (!HasSSLWire() || state.phase == Phase::Failed) {
         WSASetLastError(WSAECONNABORTED);
         return SOCKET_ERROR;
@@ -449,10 +458,13 @@ int CTavroProductSocket::SSLSend(unsigned char* data, int length, int flags)
         return CTavroSocket::SendData(data, length, flags);
 
     const SSLOutcome outcome = state.session->Write(data, length);
-    NoteSSLWants(outcome);
+    const bool leavingWaits = m_bExitSSLModeWhenDone && m_pPendingWrite == nullptr;
+    if (outcome.WantsWrite() || leavingWaits) // which goes on when a notification comes
+        RequestWrite();
     if (outcome.result > 0)
         return outcome.result;
     m_bSSLMustRepeat = outcome.WouldBlock();
+    m_bSSLWriteWaitsToRead = outcome.WantsRead();
     state.writeFailed = !outcome.WouldBlock();
     WSASetLastError(
         WSAEWOULDBLOCK); // whatever it is: the bytes are kept, the end of the connection tells the rest
@@ -477,7 +489,10 @@ void CTavroProductSocket::StopSSLMode()
 
     const bool wire = HasSSLWire();
     if (wire && (SSLIsBusy() || !ExchangeCloseAlerts())) {
+        const bool deferredBefore = m_bExitSSLModeWhenDone;
         m_bExitSSLModeWhenDone = true;
+        if (!deferredBefore && !m_bSSLAcceptPending)
+            RequestWrite(); // for what is queued
         return;
     }
     m_bExitSSLModeWhenDone = false;
@@ -485,7 +500,7 @@ void CTavroProductSocket::StopSSLMode()
     if (m_pSSLState->writeFailed)
         DropSendQueue(); // never in clear
     ReleaseSSL();        // before the hook, in which this is a plain connection again
-    if (wire)
+    if (m_hSocket != INVALID_SOCKET)
         AsyncSelect(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // for what has waited behind the session
     NotifySSLConnectionShutdown();
 }
@@ -513,8 +528,8 @@ bool CTavroProductSocket::ExchangeCloseAlerts()
 
     const SSLOutcome outcome = state.session->Shutdown();
     NoteSSLWants(outcome);
-    state.alertSent = state.alertSent || outcome.result == 0;
-    const bool goesOn = outcome.result == 0 || outcome.WouldBlock();
+    const bool sentNow = outcome.result == 0 && !std::exchange(state.alertSent, true);
+    const bool goesOn = sentNow || outcome.WouldBlock();
     if (goesOn && std::exchange(state.phase, Phase::Closing) != Phase::Closing)
         AsyncSelect(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // the answer may be here
     return !goesOn;
@@ -531,6 +546,7 @@ void CTavroProductSocket::ReleaseSSL()
     m_bSSLAcceptPending = false;
     m_bSSLWaitsToWrite = false;
     m_bSSLMustRepeat = false;
+    m_bSSLWriteWaitsToRead = false;
     m_bSSLDrains = false;
 }
 

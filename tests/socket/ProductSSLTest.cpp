@@ -363,6 +363,79 @@ TEST(ProductSSL, TheLastErrorIsThatOfTheSession)
         EXPECT_EQ(pair.socket->GetLastError(), code >= 2 && code <= 7 ? WSAEWOULDBLOCK : code);
 }
 
+TEST(ProductSSL, InputThatNobodyTakesIsNotReportedWithoutEnd)
+{
+    using Part = void (*)(ProductPair&, ToySSL&);
+    const struct
+    {
+        const char* why;
+        Part block, goOn;
+        const char* received;
+    } rows[] = {
+        {"leaving waits for the host's gate",
+         [](ProductPair& pair, ToySSL&) {
+             pair.socket->OkayToSendScript = [] { return false; };
+             pair.socket->Send("queued");
+             pair.socket->StopSSLMode();
+             pair.peer.Writes(ToyData("late ") + ToyRecord('C') + "clear");
+         },
+         [](ProductPair& pair, ToySSL&) {
+             pair.socket->OkayToSendScript = nullptr;
+             pair.socket->Send("more");
+         },
+         "late clear"},
+        {"reading waits for room to write",
+         [](ProductPair& pair, ToySSL& toy) {
+             pair.socket->Send(std::string(4'000'000, 'b').c_str()); // more than it takes
+             PumpUntilQuiet();
+             toy.fault = [](int, const std::string& entry) {
+                 return entry == "read" || entry == "peek" ? int{kSSLErrorWantWrite} : 0;
+             };
+             pair.peer.Writes(ToyData("late"));
+         },
+         [](ProductPair&, ToySSL& toy) { toy.fault = nullptr; }, "late"},
+        {"the session's handle is gone",
+         [](ProductPair& pair, ToySSL&) {
+             pair.socket->Attach(pair.socket->Detach(), FD_ALL);
+             pair.peer.Writes("clear");
+         },
+         [](ProductPair& pair, ToySSL&) { pair.socket->StopSSLMode(); }, "clear"},
+        {"the provider cannot leave",
+         [](ProductPair& pair, ToySSL& toy) {
+             toy.table.m_pSSL_peek = nullptr;
+             toy.table.m_pSSL_shutdown = nullptr;
+             toy.table.m_pSSL_get_error = nullptr;
+             pair.socket->StopSSLMode();
+             pair.peer.Writes("clear");
+         },
+         [](ProductPair&, ToySSL&) {}, "clear"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        ToySSL toy;
+        ProductPair pair;
+        int told = 0;
+        pair.socket->Collect();
+        pair.socket->around = [&told](const std::string& hook, bool after) {
+            told += !after && (hook == "OnReceive" || hook == "OnSend") ? 1 : 0;
+        };
+        ASSERT_TRUE(pair.PumpUntilConnected());
+        pair.peer.Writes(ToyRecord('H'));
+        Enter(*pair.socket, 1);
+        ASSERT_TRUE(PumpUntil([&] { return pair.socket->GetSSL(); }));
+        PumpUntilQuiet();
+        row.block(pair, toy);
+        told = 0;
+        PumpUntilQuiet();
+        EXPECT_LT(told, 20);
+        row.goOn(pair, toy);
+        EXPECT_TRUE(PumpUntil([&] {
+            pair.peer.ReadsWaiting();
+            return pair.socket->received == row.received;
+        })) << pair.socket->received;
+    }
+}
+
 // --- A host that does what it likes in a hook
 
 class SSLScenario : public HookScenario<ScriptedProduct>
