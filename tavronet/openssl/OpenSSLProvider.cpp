@@ -221,6 +221,7 @@ COpenSSL MakeProvider()
     COpenSSL provider;
     provider.m_bLoaded = true;
     provider.m_bRaisesNoSignals = true;
+    provider.m_bReadsAhead = true;
 
     provider.m_pSSL_method = TLS_method;
     provider.m_pSSL_method_mode1 = TLS_method;

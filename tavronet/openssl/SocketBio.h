@@ -1,4 +1,4 @@
-/// A socket I/O object for OpenSSL whose writes raise no signal. Internal.
+/// A socket I/O object for OpenSSL whose writes raise no signal and whose reads run ahead. Internal.
 #ifndef TAVRONET_OPENSSL_SOCKETBIO_H
 #define TAVRONET_OPENSSL_SOCKETBIO_H
 

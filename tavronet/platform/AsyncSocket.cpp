@@ -392,14 +392,28 @@ void CAsyncSocket::NoteReceived(int result, int length, int flags)
     }
     if (result == 0)
         m_State |= State::HungUp;
-    if (result > 0 && (m_State & State::Urgent))
-        drained = false; // a receive stops in front of urgent data
+    SetDrained(drained &&
+               !(result > 0 && (m_State & State::Urgent))); // a receive stops in front of urgent data
+}
+
+void CAsyncSocket::SetDrained(bool drained)
+{
     if (!drained)
         m_State |= State::Input | State::Unsure;
     else
         // A stream that has ended is asked again: its end is an answer of its own.
         m_State = (m_State & ~UINT{State::Input | State::Unsure}) |
                   (m_State & State::HungUp ? 0 : UINT{State::Drained});
+}
+
+void CAsyncSocket::NoteDrained()
+{
+    if (m_hSocket == INVALID_SOCKET)
+        return;
+    m_Announced = 0;
+    SetDrained(!(m_State & State::Urgent)); // a receive stops in front of urgent data
+    m_State |= State::ReadArmed;
+    AsyncSocketDelivery::Queue(*this);
 }
 
 bool CAsyncSocket::WaitingBytes(UINT& count)

@@ -125,6 +125,10 @@ protected:
     /// once more that the socket takes data. Costs no system call.
     bool IsDrained() const;
 
+    /// For owners that let somebody else read from the handle, who has just found that the system has no more:
+    /// as if a receive had found it. Costs no system call.
+    void NoteDrained();
+
     /// Names the present handle: never 0, never used twice on a thread, 0 without a handle. A hook that
     /// closed and re-created the socket has changed it.
     std::uint64_t HandleId() const { return m_Id; }
@@ -137,6 +141,7 @@ private:
     BOOL ConnectTo(const sockaddr_storage& address, int addressLength);
     void LookUpAndConnect(const char* host, UINT port);
     void NoteReceived(int result, int length, int flags);
+    void SetDrained(bool drained);
     SOCKET ReleaseHandle(bool stayingOpen);
     int FailedTransfer(int systemError);
 

@@ -28,6 +28,16 @@ enum SSLError
     kSSLErrorWantConnect = 7
 };
 
+/// What BIO_ctrl is asked about the socket I/O objects of a provider with m_bReadsAhead.
+enum SSLBioCommand
+{
+    kSSLBioWaiting = 10, // how many bytes it has read ahead: OpenSSL's BIO_CTRL_PENDING
+    /// Whether its last read took all that the system had, and nobody has asked since.
+    kSSLBioTakeDrained = 0x5441,
+    kSSLBioTakeAhead, // moves up to `long` bytes that it has read ahead to the pointer, and tells how many
+    kSSLBioGiveAhead  // has it read the `long` bytes at the pointer before all else; 0 = failure
+};
+
 // OpenSSL's header makes a macro of this name.
 #pragma push_macro("SSL_get_peer_certificate")
 #undef SSL_get_peer_certificate
@@ -53,6 +63,10 @@ public:
 
     /// The socket I/O objects of this provider never raise SIGPIPE: it need not be blocked around each call.
     bool m_bRaisesNoSignals = false;
+
+    /// The socket I/O objects of this provider may take more from the system than they are asked for, and
+    /// answer the commands of SSLBioCommand.
+    bool m_bReadsAhead = false;
 
     // The table. Paths are wide as the library has them, except in SSL_CTX_load_verify_locations, whose
     // member converts them to UTF-8.
@@ -98,7 +112,7 @@ public:
     bio_st* (*m_pBIO_new)(const bio_method_st*) = nullptr;
     /// Of a handshake call; may ask errno.
     int (*m_pBIO_sock_should_retry)(int result) = nullptr;
-    /// Command 115: {size_t length; char* data; ...}.
+    /// Command 115: {size_t length; char* data; ...}. Others: SSLBioCommand.
     long (*m_pBIO_ctrl)(bio_st*, int command, long, void*) = nullptr;
     void (*m_pX509_free)(x509_st*) = nullptr;
     int (*m_pPEM_write_bio_X509)(bio_st*, const x509_st*) = nullptr;

@@ -29,6 +29,8 @@ constexpr char kStandardCiphers[] =
 constexpr char kWeakCiphersToo[] =
     "ALL:@STRENGTH:+HIGH:+TLSv1:+SSLv3:+SSLv2:+3DES:+LOW:+EXP:!DH:!aDH:!kEDH:!kDHr:!kDHd";
 
+constexpr int kInheritedAtOnce = 1024;
+
 /// More errors than this no provider keeps; one that never runs out must not hold the thread.
 constexpr int kMaxQueuedErrors = 64;
 
@@ -111,11 +113,11 @@ bool SSLSession::Start(SOCKET handle, bool server)
 {
     m_Server = server;
     m_pSession = m_Ssl.SSL_new(m_pContext);
-    bio_st* const bio =
-        m_pSession != nullptr ? m_Ssl.BIO_new_socket(static_cast<int>(handle), kDoNotClose) : nullptr;
-    if (bio == nullptr)
+    if (m_pSession != nullptr)
+        m_pBio = m_Ssl.BIO_new_socket(static_cast<int>(handle), kDoNotClose);
+    if (m_pBio == nullptr)
         return false;
-    m_Ssl.SSL_set_bio(m_pSession, bio, bio);
+    m_Ssl.SSL_set_bio(m_pSession, m_pBio, m_pBio);
     if (server)
         m_Ssl.SSL_set_accept_state(m_pSession);
     else
@@ -145,8 +147,10 @@ SSLOutcome SSLSession::Shake()
 SSLOutcome SSLSession::Read(void* buffer, int length)
 {
     const CallScope scope(m_Ssl);
+    AskBio(kSSLBioTakeDrained); // what an earlier call has found may be wrong by now
     const int result = m_Ssl.SSL_read(m_pSession, buffer, length);
-    return {result, result > 0 ? 0 : m_Ssl.SSL_get_error(m_pSession, result)};
+    const bool drained = AskBio(kSSLBioTakeDrained) != 0;
+    return {result, result > 0 ? 0 : m_Ssl.SSL_get_error(m_pSession, result), drained};
 }
 
 SSLOutcome SSLSession::Peek(void* buffer, int length)
@@ -168,6 +172,13 @@ SSLOutcome SSLSession::Shutdown()
     const CallScope scope(m_Ssl);
     const int result = m_Ssl.SSL_shutdown(m_pSession);
     return {result, result >= 0 ? 0 : m_Ssl.SSL_get_error(m_pSession, -1)};
+}
+
+void SSLSession::Inherit(SSLSession& before)
+{
+    unsigned char bytes[kInheritedAtOnce];
+    for (int count = 0; (count = before.TakeAhead(bytes, sizeof bytes)) > 0;)
+        AskBio(kSSLBioGiveAhead, count, bytes);
 }
 
 // --- What is known of the peer

@@ -13,7 +13,8 @@ namespace tavronet
 struct SSLOutcome
 {
     int result;
-    int error; // of SSL_get_error; 0 when the result is greater than 0
+    int error;            // of SSL_get_error; 0 when the result is greater than 0
+    bool drained = false; // a read has just taken all the input that the system had
 
     [[nodiscard]] bool WantsRead() const { return error == kSSLErrorWantRead; }
     [[nodiscard]] bool WantsWrite() const { return error == kSSLErrorWantWrite; }
@@ -61,6 +62,18 @@ public:
     SSLOutcome Write(const void* data, int length);
     /// A result of 0: the close alert is sent, the peer's is still to come.
     SSLOutcome Shutdown();
+    // Of the socket I/O object, where the provider has one that reads ahead:
+
+    /// How many bytes it has taken from the system and the session not yet from it.
+    int WaitingAhead() const { return static_cast<int>(AskBio(kSSLBioWaiting)); }
+    /// Takes from it what the session has not. @return bytes.
+    int TakeAhead(void* buffer, int length)
+    {
+        return static_cast<int>(AskBio(kSSLBioTakeAhead, length, buffer));
+    }
+    /// For a session that has not begun: moves what `before` has read ahead to it.
+    void Inherit(SSLSession& before);
+
     /// What SSL_get_error says without a result at hand.
     int LastError() const { return m_Ssl.SSL_get_error(m_pSession, -1); }
 
@@ -77,9 +90,15 @@ public:
 private:
     class CallScope;
 
+    long AskBio(int command, long argument = 0, void* pointer = nullptr) const
+    {
+        return m_Ssl.m_bReadsAhead ? m_Ssl.BIO_ctrl(m_pBio, command, argument, pointer) : 0;
+    }
+
     const COpenSSL& m_Ssl;
     ssl_ctx_st* m_pContext = nullptr; // owned
     ssl_st* m_pSession = nullptr;     // owned, and owner of the socket I/O object
+    bio_st* m_pBio = nullptr;         // the session's
     bool m_Server = true;
     bool m_TrustsAuthorities = false;
 };

@@ -201,10 +201,11 @@ void CTavroProductSocket::OnReceive(int error)
         return;
     if (!OkayToReceive() || !guard.Alive() || HandleId() != handle)
         return;
-    // A session reads past the system's reports. Otherwise there is often nothing to report again, and the write
-    // notification that comes of it would cost every message a turn of the loop.
-    if (blocked || HasSSLSession() || !IsDrained())
-        AsyncSelect(FD_ALL);
+    // Often there is nothing to report again, and the write notification that comes of it would cost every message
+    // a turn of the loop.
+    const bool readToEnd = HasSSLSession() ? SSLReadToEnd() : IsDrained();
+    if (blocked || !readToEnd)
+        LookForInput(FD_ALL);
 }
 
 int CTavroProductSocket::ReceiveData(unsigned char* buffer, int length, int flags)
@@ -216,6 +217,8 @@ int CTavroProductSocket::ReceiveData(unsigned char* buffer, int length, int flag
     }
     if (HasSSLSession())
         return SSLReceive(buffer, length, flags);
+    if (HasClearAhead())
+        return ReceiveClearAhead(buffer, length, flags);
     return CTavroSocket::ReceiveData(buffer, length, flags);
 }
 

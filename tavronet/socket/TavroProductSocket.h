@@ -66,7 +66,8 @@ public:
     // --- Making, listening, closing
 
     /// As CAsyncSocket::Attach and CTavroSocket::Create, followed by SetSocketOptions.
-    /// @return false with the last error; also when SetSocketOptions has closed or deleted this socket.
+    /// @return false with the last error, and a handle that was to be attached stays the caller's; also when
+    /// SetSocketOptions has closed or deleted this socket, and with it the handle.
     virtual bool Attach(SOCKET handle, LONG events);
     virtual bool Create(UINT port, int type, LONG events, const wchar_t* address, int family);
 
@@ -126,8 +127,9 @@ public:
     /// handshake or a closing exchange that the peer does not go on with; Close always works.
     void SetSSLMode(UINT mode, bool noSSLv2, bool weakCiphers, const CStringW& certFile,
                     const CStringW& keyFile, const CStringW& trustedCAFile, const CStringA& password);
-    /// SetSSLMode with mode 0. While a write or a handshake is under way, and until the peer has answered the
-    /// close alert, leaving is deferred: GetExitSSLModeWhenDone() tells.
+    /// SetSSLMode with mode 0. While bytes wait to be sent or a handshake is under way, and until the peer has
+    /// answered the close alert, leaving is deferred: GetExitSSLModeWhenDone() tells. What stands behind the peer's
+    /// alert comes by OnReceive, as clear text; a provider may have read it already, so that Receive would miss it.
     void StopSSLMode();
 
     /// For the next SetSSLMode of a client: which host is meant. The server is told; when trusted CAs are
@@ -310,6 +312,7 @@ private:
     int SSLReceive(unsigned char* buffer, int length, int flags);
     bool WireHasEnded();
     int SSLReadsUnasked() const;
+    bool SSLReadToEnd() const;
     int NotePeerClosed(int result);
     int NoteSessionBroken(int result);
     int DiscardClearText();
@@ -317,6 +320,10 @@ private:
     int SSLLastError();
     bool SSLIsBusy() const;
     bool ExchangeCloseAlerts();
+    void LeaveSession();
+    bool HasClearAhead() const;
+    int ReceiveClearAhead(unsigned char* buffer, int length, int flags);
+    void LookForInput(LONG events);
     void ReleaseSSL();
     void FreeSSLState();
 
@@ -339,7 +346,7 @@ private:
     bool m_bSSLWaitsToWrite : 1 = false;     // the session's last step but a write asked for room to write
     bool m_bSSLMustRepeat : 1 = false;       // its last write has to be offered again, the very same bytes
     bool m_bSSLWriteWaitsToRead : 1 = false; // and asked for input
-    bool m_bSSLDrains : 1 = false;           // while leaving, data stands in front of the peer's close alert
+    bool m_bSSLDrains : 1 = false;           // while leaving, what the peer still sends is read
 
     bool m_bInOnClose = false;
     bool m_bInPostClose = false;

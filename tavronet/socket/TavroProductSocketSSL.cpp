@@ -69,7 +69,9 @@ struct CTavroProductSocket::SSLState
     unsigned entries = 0; // of SetSSLMode: tells it that a hook has entered or left a mode
 
     std::unique_ptr<SSLSession> session; // with its context
+    std::unique_ptr<SSLSession> left;    // the one before, while bytes from behind its end wait in it
     std::uint64_t handle = 0;            // the one that the session writes to
+    bool tookAll = false;                // the last read: of the record that it was about
     Phase phase = Phase::Handshaking;
     bool alertSent = false;     // ours
     bool writeFailed = false;   // for good
@@ -165,7 +167,7 @@ void CTavroProductSocket::SetSSLMode(UINT mode, bool noSSLv2, bool weakCiphers, 
         return;
 
     const bool leavesSession = HasSSLSession();
-    ReleaseSSL();
+    LeaveSession();
     if (leavesSession)
         m_bExitSSLModeWhenDone = false; // this was about the session that is gone
     SSLState& state = NeedSSLState();
@@ -218,9 +220,12 @@ CTavroProductSocket::SSLRefusal CTavroProductSocket::MakeSSLSession(UINT mode, b
         state.session.reset();
         return {.reason = "the provider cannot check the host name"};
     }
+    if (HasClearAhead())
+        session.Inherit(*state.left);
+    state.left.reset();
     state.handle = HandleId();
     state.phase = Phase::Handshaking;
-    state.alertSent = state.writeFailed = state.peerClosed = false;
+    state.tookAll = state.alertSent = state.writeFailed = state.peerClosed = false;
     return {};
 }
 
@@ -290,7 +295,7 @@ void CTavroProductSocket::UseSession()
 {
     m_bSSLAcceptPending = false;
     m_bSSLEstablished = true;
-    AsyncSelect(FD_ALL);
+    LookForInput(FD_ALL);
     if (m_bSendDuringSSLAccept)
         OnSend(0);
 }
@@ -369,9 +374,18 @@ int CTavroProductSocket::SSLReceive(unsigned char* buffer, int length, int flags
         ReleaseReceiveBuffer(); // what the hook that asked for SSL left of its pass
 
     const bool peeks = flags == MSG_PEEK;
+    if (!peeks && SSLReadToEnd()) {
+        NoteDrained(); // again: to be told of more
+        WSASetLastError(WSAEWOULDBLOCK);
+        return SOCKET_ERROR;
+    }
     const SSLOutcome outcome =
         peeks ? state.session->Peek(buffer, length) : state.session->Read(buffer, length);
     NoteSSLWants(outcome);
+    if (outcome.drained)
+        NoteDrained();
+    if (!peeks)
+        state.tookAll = outcome.WantsRead() || (outcome.result > 0 && outcome.result < length);
     if (outcome.result > 0)
         return outcome.result;
 
@@ -385,6 +399,12 @@ int CTavroProductSocket::SSLReceive(unsigned char* buffer, int length, int flags
     if (broken && !peeks && error == WSAECONNABORTED && !m_bInOnClose)
         return NoteSessionBroken(outcome.result);
     return peeks ? CTavroSocket::ReceiveData(buffer, length, MSG_PEEK) : outcome.result;
+}
+
+/// Whether the session has nothing to give before more comes, which will be reported.
+bool CTavroProductSocket::SSLReadToEnd() const
+{
+    return IsDrained() && m_pSSLState->tookAll && m_pSSLState->session->WaitingAhead() == 0;
 }
 
 /// Whether the system has no more to read, so that the close notification follows.
@@ -499,9 +519,8 @@ void CTavroProductSocket::StopSSLMode()
     ++m_pSSLState->entries;
     if (m_pSSLState->writeFailed)
         DropSendQueue(); // never in clear
-    ReleaseSSL();        // before the hook, in which this is a plain connection again
-    if (m_hSocket != INVALID_SOCKET)
-        AsyncSelect(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // for what has waited behind the session
+    LeaveSession();      // before the hook, in which this is a plain connection again
+    LookForInput(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // what has waited behind the session
     NotifySSLConnectionShutdown();
 }
 
@@ -531,8 +550,48 @@ bool CTavroProductSocket::ExchangeCloseAlerts()
     const bool sentNow = outcome.result == 0 && !std::exchange(state.alertSent, true);
     const bool goesOn = sentNow || outcome.WouldBlock();
     if (goesOn && std::exchange(state.phase, Phase::Closing) != Phase::Closing)
-        AsyncSelect(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // the answer may be here
+        LookForInput(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // the answer may be here
     return !goesOn;
+}
+
+/// Frees the session. What it has read ahead belongs to whatever follows on this connection, unless the handshake
+/// has failed: then it may be from anybody.
+void CTavroProductSocket::LeaveSession()
+{
+    const bool keeps = HasSSLSession() && HasSSLWire() && m_pSSLState->phase != Phase::Failed &&
+                       m_pSSLState->session->WaitingAhead() > 0;
+    if (keeps)
+        m_pSSLState->left = std::move(m_pSSLState->session);
+    ReleaseSSL();
+}
+
+/// Whether clear text waits in the session that was left.
+bool CTavroProductSocket::HasClearAhead() const
+{
+    return m_pSSLState != nullptr && m_pSSLState->left != nullptr && HasSSLWire();
+}
+
+/// As ReceiveData of a connection without a session.
+int CTavroProductSocket::ReceiveClearAhead(unsigned char* buffer, int length, int flags)
+{
+    SSLSession& left = *m_pSSLState->left;
+    if (flags & MSG_PEEK)
+        return std::min(left.WaitingAhead(), length);
+    const int taken = left.TakeAhead(buffer, length);
+    if (left.WaitingAhead() == 0)
+        m_pSSLState->left.reset();
+    return taken;
+}
+
+/// As AsyncSelect, also for input that the session has taken from the system and not read, which nothing reports.
+void CTavroProductSocket::LookForInput(LONG events)
+{
+    if (m_hSocket == INVALID_SOCKET)
+        return;
+    AsyncSelect(events);
+    const bool ahead = HasSSLSession() ? m_pSSLState->session->WaitingAhead() > 0 : HasClearAhead();
+    if (ahead)
+        RequestRead();
 }
 
 /// Frees session and context, and what only the session could have sent.
