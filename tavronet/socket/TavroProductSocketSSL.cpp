@@ -10,6 +10,8 @@
 //   established   through the session
 //   failed        sends are an error, what arrives is discarded: it may be from anybody
 //   closing       sends wait and go out in clear afterwards; what the peer sent before its alert is delivered
+//
+// Leaving is deferred while bytes are queued for the session; what the peer sends meanwhile is delivered.
 
 #include <algorithm>
 #include <cstring>
@@ -150,9 +152,7 @@ bool CTavroProductSocket::SSLTakesInput() const
         return false;
     if (m_bSSLAcceptPending)
         return !GetConnecting();
-    if (m_bExitSSLModeWhenDone)
-        return !SSLIsBusy() || m_bSSLWriteWaitsToRead;
-    return !m_pSSLState->peerClosed;
+    return !m_pSSLState->peerClosed || (m_bExitSSLModeWhenDone && !SSLIsBusy());
 }
 
 // --- Entering
@@ -430,7 +430,7 @@ int CTavroProductSocket::SSLReadsUnasked() const
 int CTavroProductSocket::NotePeerClosed(int result)
 {
     const bool toldBefore = std::exchange(m_pSSLState->peerClosed, true);
-    if (toldBefore || m_pSSLState->phase == Phase::Closing) // or it is the answer to ours
+    if (toldBefore || m_bExitSSLModeWhenDone) // or it is the answer to ours
         return result;
     const tavronet::LifetimeGuard guard(*this);
     OnClose(0);
@@ -508,7 +508,10 @@ void CTavroProductSocket::StopSSLMode()
     }
 
     const bool wire = HasSSLWire();
-    if (wire && (SSLIsBusy() || !ExchangeCloseAlerts())) {
+    // A peer that leaves, too, may take nothing more before it has got rid of what it has queued.
+    const bool busy = SSLIsBusy();
+    m_bSSLDrains = busy && !m_bSSLAcceptPending;
+    if (wire && (busy || !ExchangeCloseAlerts())) {
         const bool deferredBefore = m_bExitSSLModeWhenDone;
         m_bExitSSLModeWhenDone = true;
         if (!deferredBefore && !m_bSSLAcceptPending)

@@ -159,4 +159,26 @@ TEST_F(LeavingTest, BehindTheCloseAlertIsTheNextHandshake)
     EXPECT_TRUE(Hears("again")) << server.received;
 }
 
+TEST(BothEndsLeaving, WhatBothHaveQueuedArrivesFirst)
+{
+    LoopbackPair<Connection> pair;
+    ASSERT_TRUE(pair.PumpUntilConnected());
+    Connection& client = *pair.socket;
+    Connection server;
+    ASSERT_TRUE(server.Attach(pair.peer.Releases(), FD_ALL));
+    server.Enter();
+    client.Enter(false);
+    ASSERT_TRUE(PumpUntil([&] { return client.IsSecure() && server.IsSecure(); }));
+
+    std::string bulk(4 << 20, 'b'); // more than the connection holds
+    for (Connection* end : {&client, &server}) {
+        end->Send(reinterpret_cast<unsigned char*>(bulk.data()), static_cast<int>(bulk.size()), 0);
+        EXPECT_FALSE(end->CanClose());
+        end->StopSSLMode();
+    }
+    EXPECT_TRUE(PumpUntil([&] { return !client.GetSSL() && !server.GetSSL(); }));
+    EXPECT_TRUE(client.received == bulk && server.received == bulk);
+    EXPECT_EQ(client.closed + server.closed, 0);
+}
+
 } // namespace
