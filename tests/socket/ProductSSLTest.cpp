@@ -5,146 +5,121 @@
 
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "HookScenario.h"
 #include "ScriptedProduct.h"
 #include "ToySSL.h"
 #include "tavronet/platform/TestSeams.h"
 
-using tavronet::PumpUntil;
 using tavronet::PumpUntilQuiet;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 namespace
 {
 
-void Enter(ScriptedProduct& socket, UINT mode)
+void Enter(ScriptedProduct& socket, UINT mode = 1)
 {
-    socket.SetSSLMode(mode, true, false, L"", L"", L"", "");
+    socket.SetSSLMode(mode, true, false, L"c", L"k", L"a", "ten chars!");
 }
 
-/// A connection that goes in and out of SSL mode twice, and a peer that plays its part whatever comes.
-class Passage
+/// A connection that collects and tells what happens to it, and its plain peer.
+struct Connection
 {
-public:
-    Passage(bool server, int faultAt, int fault)
+    Connection()
     {
-        toy.fault = [this, faultAt, fault](int call, const std::string& entry) {
-            if (call != faultAt || (fault == ToySSL::kRetry && entry != "shake"))
-                return 0;
-            faulted = entry;
-            return fault;
-        };
-        pair.socket->Collect();
-        pair.socket->SetSSLServer(server, false);
-        pair.socket->SetSSLAcceptSuccessNotify(true);
-        pair.socket->around = [this](const std::string& hook, bool after) {
+        socket.Collect();
+        socket.SetSSLAcceptSuccessNotify(true);
+        socket.around = [this](const std::string& hook, bool after) {
             if (!after && hook.starts_with("NotifySSL") && hook != "NotifySSLAcceptPending")
-                hooks.push_back(hook.substr(9));
+                told += hook.substr(9) + " ";
+            notifications += !after && (hook == "OnReceive" || hook == "OnSend") ? 1 : 0;
+        };
+        socket.NotifySSLAcceptErrorScript = [this](const char*, const char*, const char* reason) {
+            told += reason;
+        };
+        const auto file = [this](const wchar_t* path) { told += CStringA(path); };
+        socket.NotifySSLCantOpenCertFileScript = file;
+        socket.NotifySSLCantOpenPrivateKeyFileScript = file;
+        socket.NotifySSLCantLoadTrustedCAFileScript = file;
+        socket.OnCloseScript = [this](int error) {
+            told += "OnClose " + std::to_string(error) + " ";
+            socket.BaseOnClose(error);
         };
     }
-
-    void Go()
-    {
-        EnterAndTalk(1, "first");
-        pair.socket->StopSSLMode();
-        Await([this] { return Wire().Has('C'); });
-        pair.peer.Writes(ToyData(" late") + ToyRecord('C') + " clear");
-        Await([this] { return pair.socket->received == "first late clear"; });
-        TalkInClear();
-
-        EnterAndTalk(2, " second");
-        pair.socket->OnCloseScript = [this](int) { pair.socket->StopSSLMode(); }; // as a protocol may have it
-        pair.peer.Writes(ToyRecord('C') + " again");
-        Await([this] { return pair.socket->received == "first late clear second again"; });
-        TalkInClear();
-        PumpUntilQuiet();
-    }
-
-    ToySSL toy;
-    ProductPair pair;
-    std::vector<std::string> hooks;
-    std::string faulted; // the entry
-    std::string clear;   // what has left outside of records
-    std::string secret;  // and inside
-
-private:
-    struct Records : ToyReader
-    {
-        [[nodiscard]] bool Has(char letter) const { return letters.find(letter) != std::string::npos; }
-    };
-
-    void EnterAndTalk(UINT mode, const std::string& answer)
-    {
-        m_Records = {};
-        Enter(*pair.socket, mode);
-        pair.socket->Send("secret");
-        pair.peer.Writes(ToyRecord('H') + ToyData(answer));
-        Await([this] { return Wire().plain == "secret"; });
-        Await([&] { return pair.socket->received.ends_with(answer); });
-    }
-    void TalkInClear()
-    {
-        Await([this] { return Wire().Has('C'); });
-        pair.socket->Send("open");
-        const std::string expected = clear + "open";
-        Await([&] {
-            Wire();
-            return clear == expected;
-        });
-        secret += m_Records.plain;
-        m_Records = {};
-    }
-    /// What the peer has got: records up to the close alert, behind it clear text.
-    Records& Wire()
-    {
-        for (const char c : pair.peer.ReadsWaiting()) {
-            if (m_Records.Has('C'))
-                clear += c;
-            else
-                m_Records.Feed(std::string(1, c));
-        }
-        return m_Records;
-    }
-    /// Errors of other sockets come and go meanwhile.
+    /// Unless the session dies before. Errors of other sockets come and go meanwhile.
     void Await(const std::function<bool()>& done)
     {
-        const bool over = PumpUntil([&] {
-            toy.errors.assign(1, 9);
+        const bool over = tavronet::PumpUntil([&] {
+            toy.errors = 1;
+            got.Feed(peer.ReadsWaiting());
             return toy.died || done();
         });
-        EXPECT_TRUE(over) << "received " << pair.socket->received << ", clear " << clear;
+        EXPECT_TRUE(over) << "received " << socket.received << ", clear " << got.clear << ", told " << told;
     }
-
-    Records m_Records;
+    ToySSL toy;
+    ProductPair pair;
+    ScriptedProduct& socket = *pair.socket;
+    tavronet::PlainSocket& peer = pair.peer;
+    ToyReader got; // by the peer
+    std::string told;
+    int notifications = 0;
 };
+
+/// Has the mode refused, for want of an entry of the provider.
+template <typename Entry>
+std::function<void(Connection&)> EnterWithout(Entry COpenSSL::*entry)
+{
+    return [entry](Connection& both) {
+        both.toy.table.*entry = nullptr;
+        both.toy.errors = 1;
+        Enter(both.socket);
+    };
+}
 
 class ProductSSLPassage : public testing::TestWithParam<std::tuple<bool, int>>
 {};
 
-TEST_P(ProductSSLPassage, EveryCallMayAnswerOtherwise)
+TEST_P(ProductSSLPassage, InAndOutTwiceWhateverOneCallAnswers)
 {
     const auto [server, fault] = GetParam();
     const bool fatal = fault == kSSLErrorFatal || fault == kSSLErrorSyscall;
     bool reached = true;
-    for (int call = 1; reached; ++call) {
-        SCOPED_TRACE(call);
-        Passage passage(server, call, fault);
-        passage.Go();
-        reached = passage.toy.calls >= call;
-        if (!fatal) {
-            EXPECT_THAT(passage.hooks, ElementsAre("AcceptSuccess", "ConnectionShutdown", "AcceptSuccess",
-                                                   "ConnectionShutdown"));
-            EXPECT_EQ(passage.clear, "openopen");
-            EXPECT_EQ(passage.secret, "secretsecret");
+    for (int faultAt = 1; reached; ++faultAt) {
+        SCOPED_TRACE(faultAt);
+        Connection both;
+        both.toy.fault = [faultAt, wanted = fault](int call, const std::string& entry) {
+            return call == faultAt && (wanted != ToySSL::kRetry || entry == "shake") ? wanted : 0;
+        };
+        both.socket.SetSSLServer(server, false);
+        std::string secret, clear;
+        for (const bool weLeave : {true, false}) {
+            secret += "secret ";
+            clear += "open ";
+            Enter(both.socket, weLeave ? 1 : 2);
+            both.socket.Send("secret ");
+            both.peer.Writes(kToyHello + ToyData("in "));
+            both.Await([&] { return both.got.plain == secret && both.socket.received.ends_with("in "); });
+            if (weLeave)
+                both.socket.StopSSLMode();
+            both.Await([&] { return both.got.closes == 1; }); // the first time
+            both.peer.Writes(ToyData("late ") + kToyClose + "clear ");
+            both.Await([&] {
+                return both.socket.received.ends_with("late clear ") && both.got.closes == (weLeave ? 1 : 2);
+            });
+            both.socket.Send("open ");
+            both.Await([&] { return both.got.clear == clear; });
         }
-        EXPECT_THAT(passage.clear, Not(HasSubstr("secret"))) << passage.faulted;
-        passage.pair.socket.reset();
-        EXPECT_EQ(passage.toy.alive, 0);
-        ASSERT_FALSE(HasFailure()) << passage.faulted;
+        PumpUntilQuiet();
+        reached = both.toy.calls >= faultAt;
+        EXPECT_TRUE(fatal ||
+                    both.told ==
+                        "AcceptSuccess ConnectionShutdown AcceptSuccess OnClose 0 ConnectionShutdown ")
+            << both.told;
+        both.socket.StopSSLMode();
+        EXPECT_FALSE(both.socket.GetExitSSLModeWhenDone());
+        EXPECT_EQ(both.got.clear.find("secret"), std::string::npos);
+        both.pair.socket.reset();
+        EXPECT_EQ(both.toy.alive, 0);
+        ASSERT_FALSE(HasFailure());
     }
 }
 
@@ -153,296 +128,204 @@ INSTANTIATE_TEST_SUITE_P(, ProductSSLPassage,
                                           testing::Values(kSSLErrorWantRead, kSSLErrorWantWrite,
                                                           ToySSL::kRetry, kSSLErrorFatal, kSSLErrorSyscall)));
 
-// --- Setting up
-
-TEST(ProductSSLSetup, WhatIsAskedForIsSetUpAndARefusalEndsInItsHookWithTheModeOff)
+TEST(ProductSSL, SetsUpWhatIsAskedFor)
 {
     const struct
     {
-        const char* refused;
         UINT mode;
-        bool server, certificates, noSSLv2, weak;
-        const char *log, *hook;
+        bool server, certificates, noSSLv2, weak, restricted;
+        const char* log;
     } rows[] = {
-        {"", 1, true, false, true, false,
-         "mode 1, context, options no v2, standard, certificate c.pem, key k.pem, authorities ca.pem, trust, "
-         "session",
-         ""},
-        {"", 2, false, true, false, true,
-         "general, context, options, weak, certificate c.pem, key k.pem, authorities ca.pem, trust, session, "
-         "host h checked",
-         ""},
-        {"", 2, false, false, false, false, "general, context, options, standard, session, host h", ""},
-        {"restricted", 2, false, false, false, false, "mode 1, context, options, session, host h", ""},
-        {"context", 1, true, true, false, false, "mode 1, context", "toy//broken"},
-        {"certificate", 1, true, true, false, false, "mode 1, context, options, standard, certificate c.pem",
-         "c.pem"},
-        {"key", 1, true, true, false, false,
-         "mode 1, context, options, standard, certificate c.pem, key k.pem", "k.pem"},
-        {"authorities", 1, true, true, false, false,
-         "mode 1, context, options, standard, certificate c.pem, key k.pem, authorities ca.pem", "ca.pem"},
-        {"trust", 1, true, true, false, false,
-         "mode 1, context, options, standard, certificate c.pem, key k.pem, authorities ca.pem, trust",
-         "ca.pem"},
-        {"session", 1, false, false, false, false, "mode 1, context, options, standard, session",
-         "toy//broken"},
-        {"host", 1, false, true, false, false,
-         "mode 1, context, options, standard, certificate c.pem, key k.pem, authorities ca.pem, trust, "
-         "session, host h checked",
-         "TavroNET//the provider cannot check the host name"},
+        {1, true, false, true, false, false, "mode 1, 32 20971520, standard, cert c, key k, ca a, trust, "},
+        {2, false, true, false, true, false,
+         "general, 32 4194304, weak, cert c, key k, ca a, trust, host checked h, "},
+        {2, false, false, false, false, false, "general, 32 4194304, standard, host h, "},
+        {2, false, false, false, false, true, "mode 1, 32 4194304, host h, "},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.log);
-        ToySSL toy;
-        toy.refused = row.refused;
-        ProductPair pair;
-        std::string hook;
-        const auto file = [&hook](const wchar_t* path) { hook += CStringA(path).GetString(); };
-        pair.socket->NotifySSLCantOpenCertFileScript = file;
-        pair.socket->NotifySSLCantOpenPrivateKeyFileScript = file;
-        pair.socket->NotifySSLCantLoadTrustedCAFileScript = file;
-        pair.socket->NotifySSLAcceptErrorScript = [&hook](const char* library, const char* function,
-                                                          const char* reason) {
-            hook += std::string(library) + "/" + function + "/" + reason;
-        };
-        pair.socket->SetSSLServer(row.server, row.certificates);
-        pair.socket->SetSSLHostName("h");
-        const auto enter = [&] {
-            pair.socket->SetSSLMode(row.mode, row.noSSLv2, row.weak, L"c.pem", L"k.pem", L"ca.pem",
-                                    "ten chars!");
-        };
-        enter();
-        EXPECT_EQ(toy.log, row.log);
-        EXPECT_EQ(hook, row.hook);
-        toy.log.clear();
-        enter(); // the mode already, or once more
-        EXPECT_EQ(toy.log, *row.hook == '\0' ? "" : row.log);
-        if (std::string(row.log).find("key") != std::string::npos) {
-            char buffer[11] = "";
-            EXPECT_EQ(toy.phrase(buffer, 10, 0, toy.phraseData), 0);
-            EXPECT_EQ(toy.phrase(buffer, 11, 0, toy.phraseData), 10);
-            EXPECT_STREQ(buffer, "ten chars!");
-        }
-        pair.socket.reset();
-        EXPECT_EQ(toy.alive, 0);
+        Connection both;
+        both.toy.table.m_pSSL_restricted = row.restricted ? +[] { return 1; } : nullptr;
+        both.socket.SetSSLServer(row.server, row.certificates);
+        both.socket.SetSSLHostName("h");
+        for (int twice = 0; twice < 2; ++twice) // it is the mode already
+            both.socket.SetSSLMode(row.mode, row.noSSLv2, row.weak, L"c", L"k", L"a", "ten chars!");
+        EXPECT_EQ(both.toy.log, row.log);
     }
 }
 
-TEST(ProductSSLSetup, WithoutAProviderOrOneOfItsEntriesTheModeStaysOff)
+TEST(ProductSSL, ThePassPhraseIsGivenWhereThereIsRoomForIt)
 {
-    ProductPair pair;
-    ASSERT_TRUE(pair.PumpUntilConnected());
-    pair.socket->around = [](const std::string& hook, bool) {
-        EXPECT_THAT(hook, Not(HasSubstr("NotifySSL")));
-    };
-    Enter(*pair.socket, 1);
-    EXPECT_EQ(CTavroProductSocket::GetOpenSSL().SSL_accept(nullptr), 0);
-
-    ToySSL toy;
-    toy.table.m_pSSL_CTX_new = nullptr;
-    Enter(*pair.socket, 1);
-    EXPECT_EQ(toy.table.SSL_CTX_new(nullptr), nullptr);
-    EXPECT_FALSE(pair.socket->GetSSL());
-    pair.socket->Send("open");
-    EXPECT_EQ(pair.peer.Reads(4), "open");
+    Connection both;
+    Enter(both.socket);
+    char buffer[11] = "";
+    EXPECT_EQ(both.toy.phrase(buffer, 10, 0, both.toy.phraseData), 0);
+    EXPECT_EQ(both.toy.phrase(buffer, 11, 0, both.toy.phraseData), 10);
+    EXPECT_STREQ(buffer, "ten chars!");
 }
 
-// --- Moments that matter
-
-TEST(ProductSSL, AfterAFailedHandshakeNothingLeavesInClearAndNothingIsDelivered)
+/// Whatever keeps a session from going on: nothing is told without end, or twice, nothing leaves in clear that was
+/// meant for it, nothing of the peer's gets lost, and it can be left.
+TEST(ProductSSL, ASessionThatCannotGoOnCanBeLeft)
 {
-    ToySSL toy;
-    ProductPair pair;
-    std::string told;
-    pair.socket->Collect();
-    pair.socket->NotifySSLAcceptErrorScript = [&told](const char*, const char*, const char* reason) {
-        told += reason;
+    static const std::string bulk(500'000, 'b'); // more than the system takes
+    const struct
+    {
+        const char* why;
+        bool shaken; // with a client that has said hello
+        std::function<void(Connection&)> happens;
+        std::string received, told;
+        std::string data = ""; // that the peer got
+    } rows[] = {
+        {"no provider", false,
+         [](Connection& both) {
+             CTavroProductSocket::Init(nullptr);
+             Enter(both.socket);
+         },
+         "", ""},
+        {"no context", false, EnterWithout(&COpenSSL::m_pSSL_CTX_new), "", "AcceptError broken"},
+        {"no session", false, EnterWithout(&COpenSSL::m_pSSL_new), "", "AcceptError broken"},
+        {"no certificate", false, EnterWithout(&COpenSSL::m_pSSL_CTX_use_certificate_file), "",
+         "CantOpenCertFile c"},
+        {"no key", false, EnterWithout(&COpenSSL::m_pSSL_CTX_use_PrivateKey_file), "",
+         "CantOpenPrivateKeyFile k"},
+        {"no authorities", false, EnterWithout(&COpenSSL::m_pSSL_CTX_load_verify_locations), "",
+         "CantLoadTrustedCAFile a"},
+        {"no trust", false, EnterWithout(&COpenSSL::m_pSSL_CTX_trust_loaded), "", "CantLoadTrustedCAFile a"},
+        {"no check of the host name", false,
+         [](Connection& both) {
+             both.socket.SetSSLServer(false, true);
+             both.socket.SetSSLHostName("h");
+             EnterWithout (&COpenSSL::m_pSSL_set_host_name)(both);
+         },
+         "", "AcceptError the provider cannot check the host name"},
+        {"the handshake fails", false,
+         [](Connection& both) {
+             Enter(both.socket);
+             both.socket.Send("secret");
+             both.peer.Writes("220 no such thing here");
+             PumpUntilQuiet();
+             EXPECT_EQ(both.socket.GetSendBufferSize(), 0);
+             EXPECT_EQ(both.socket.Send("secret"), -1);
+             EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
+         },
+         "", "AcceptError brokenConnectionShutdown "},
+        {"leaving waits for the handshake and the queue", false,
+         [](Connection& both) {
+             Enter(both.socket);
+             both.socket.Send(bulk.c_str());
+             both.socket.StopSSLMode();
+             EXPECT_TRUE(both.socket.GetExitSSLModeWhenDone());
+             EXPECT_FALSE(both.socket.CanClose());
+             both.peer.Writes(std::string(kToyHello) + kToyClose);
+         },
+         "", "AcceptSuccess ConnectionShutdown ", bulk},
+        {"leaving waits for the host's gate", true,
+         [](Connection& both) {
+             both.socket.OkayToSendScript = [] { return false; };
+             both.socket.Send("queued");
+             both.socket.StopSSLMode();
+             both.peer.Writes(ToyData("late ") + kToyClose + "clear");
+         },
+         "late clear", "ConnectionShutdown ", "queued"},
+        {"reading waits for room to write", true,
+         [](Connection& both) {
+             both.socket.Send(bulk.c_str());
+             PumpUntilQuiet();
+             both.toy.fault = [](int, const std::string& entry) {
+                 return entry == "read" || entry == "peek" ? int{kSSLErrorWantWrite} : 0;
+             };
+             both.peer.Writes(ToyData("late ") + kToyClose);
+         },
+         "late ", "ConnectionShutdown ", bulk},
+        {"its handle is gone", true,
+         [](Connection& both) {
+             both.socket.Attach(both.socket.Detach(), FD_ALL);
+             both.peer.Writes("clear");
+         },
+         "clear", "ConnectionShutdown "},
+        {"the provider cannot leave", true,
+         [](Connection& both) {
+             both.toy.table.m_pSSL_peek = nullptr;
+             both.toy.table.m_pSSL_shutdown = nullptr;
+             both.toy.table.m_pSSL_get_error = nullptr;
+             both.socket.StopSSLMode();
+             both.peer.Writes("clear");
+         },
+         "clear", "ConnectionShutdown "},
+        {"a record is corrupt", true,
+         [](Connection& both) { both.peer.Writes(ToyData("good") + "?" + ToyData("more")); }, "good",
+         "OnClose 10053 ConnectionShutdown "},
+        {"the host closes", true, [](Connection& both) { both.socket.Close(); }, "", "ConnectionShutdown "},
     };
-    pair.socket->SetSSLServer(false, false);
-    Enter(*pair.socket, 1);
-    EXPECT_EQ(pair.socket->Send("password"), 8);
-    EXPECT_EQ(pair.peer.Reads(3), ToyRecord('H'));
-    pair.peer.Writes("220 no such thing here");
-    ASSERT_TRUE(PumpUntil([&told] { return told == "broken"; }));
-    pair.peer.Writes("more of it");
-    PumpUntilQuiet();
-    EXPECT_EQ(pair.socket->Send("password"), -1);
-    EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        Connection both;
+        ASSERT_TRUE(both.pair.PumpUntilConnected());
+        PumpUntilQuiet();
+        if (row.shaken) {
+            Enter(both.socket);
+            both.peer.Writes(kToyHello);
+            both.Await([&] { return both.told == "AcceptSuccess "; });
+            PumpUntilQuiet();
+            EXPECT_EQ(both.socket.GetLastError(), WSAEWOULDBLOCK) << "of the session";
+            both.told = "";
+        }
+        row.happens(both);
+        both.notifications = 0;
+        PumpUntilQuiet();
+        EXPECT_LT(both.notifications, 30);
 
-    pair.socket->StopSSLMode();
-    pair.peer.Writes("in clear");
-    EXPECT_TRUE(PumpUntil([&] { return pair.socket->received == "in clear"; })) << pair.socket->received;
-    pair.socket->Send("open");
-    EXPECT_EQ(pair.peer.Reads(4), "open");
+        both.socket.OkayToSendScript = nullptr;
+        both.toy.fault = nullptr;
+        both.socket.StopSSLMode();
+        both.socket.OnSend(0);
+        both.toy.died = false;
+        both.Await([&] { return both.socket.received == row.received && both.socket.CanClose(); });
+        EXPECT_EQ(both.told, row.told);
+        EXPECT_TRUE(both.got.plain == row.data);
+        if (both.socket.GetSocket() == INVALID_SOCKET)
+            continue;
+        both.socket.Send("open");
+        both.Await([&] { return both.got.clear == "open"; });
+    }
 }
 
 TEST(ProductSSL, ClearTextBehindAnUpgradeCommandIsNotTakenForWhatComesInside)
 {
-    for (const bool atOnce : {false, true}) {
-        ToySSL toy;
-        ProductPair pair;
-        std::string offered;
-        pair.socket->ProcessReceiveScript = [&](unsigned char*& buffer, int& length) {
-            const std::string text = ScriptedSocket::Text(buffer, length);
-            if (!text.starts_with("UPGRADE")) {
-                offered = text;
-                return false;
-            }
-            buffer += 7;
-            length -= 7;
-            if (atOnce) // the peer's part of the handshake is here already
-                pair.peer.Writes(ToyRecord('H'));
-            Enter(*pair.socket, 1);
-            return true;
-        };
-        ASSERT_TRUE(pair.PumpUntilConnected());
-        pair.peer.Writes("UPGRADE injected");
-        PumpUntilQuiet();
-        pair.peer.Writes((atOnce ? "" : ToyRecord('H')) + ToyData("protected"));
-        EXPECT_TRUE(PumpUntil([&] { return offered.ends_with("protected"); }));
-        EXPECT_EQ(offered, "protected");
-        EXPECT_TRUE(pair.socket->GetSSL());
-    }
-}
-
-TEST(ProductSSL, AnExitWaitsForTheHandshakeAndForWhatIsQueued)
-{
-    ToySSL toy;
-    ProductPair pair;
-    ToyReader reader;
-    pair.socket->SetSSLServer(false, false);
-    ASSERT_TRUE(pair.PumpUntilConnected());
+    Connection both;
+    std::string offered;
+    both.socket.ProcessReceiveScript = [&](unsigned char*& buffer, int& length) {
+        offered = ScriptedSocket::Text(buffer, length);
+        if (!offered.starts_with("UPGRADE"))
+            return false;
+        buffer += 7;
+        length -= 7;
+        both.peer.Writes(kToyHello); // the peer's part of the handshake is here already
+        Enter(both.socket);
+        return true;
+    };
+    ASSERT_TRUE(both.pair.PumpUntilConnected());
+    both.peer.Writes("UPGRADE injected");
     PumpUntilQuiet();
-    Enter(*pair.socket, 1);
-    const std::string bulk(400'000, 'b');
-    EXPECT_EQ(pair.socket->Send(bulk.c_str()), static_cast<int>(bulk.size()));
-    pair.socket->StopSSLMode();
-    EXPECT_TRUE(pair.socket->GetExitSSLModeWhenDone());
-    EXPECT_FALSE(pair.socket->CanClose());
-    pair.peer.Writes(ToyRecord('H') + ToyRecord('C'));
-    EXPECT_TRUE(PumpUntil([&] {
-        reader.Feed(pair.peer.ReadsWaiting());
-        return reader.letters.ends_with("C");
-    }));
-    EXPECT_EQ(reader.plain, bulk);
-    EXPECT_TRUE(PumpUntil([&] { return pair.socket->CanClose(); }));
-    pair.socket->Send("open");
-    EXPECT_EQ(pair.peer.Reads(4), "open");
-}
-
-TEST(ProductSSL, NothingIsAskedOfASessionWhoseHandleIsClosed)
-{
-    ToySSL toy;
-    ProductPair pair;
-    int shutdowns = 0;
-    pair.socket->NotifySSLConnectionShutdownScript = [&] {
-        ++shutdowns;
-        pair.socket->Close();
-    };
-    ASSERT_TRUE(pair.PumpUntilConnected());
-    pair.peer.Writes(ToyRecord('H'));
-    Enter(*pair.socket, 1);
-    ASSERT_TRUE(PumpUntil([&] { return pair.socket->GetSSL(); }));
-    pair.socket->Close(); // the peer's close alert is still to come
-    EXPECT_EQ(shutdowns, 1);
-    EXPECT_EQ(toy.alive, 0);
-    EXPECT_EQ(pair.peer.Reads(6), ToyRecord('H') + ToyRecord('C'));
-}
-
-TEST(ProductSSL, TheLastErrorIsThatOfTheSession)
-{
-    ToySSL toy;
-    ProductPair pair;
-    ASSERT_TRUE(pair.PumpUntilConnected());
-    pair.peer.Writes(ToyRecord('H'));
-    Enter(*pair.socket, 1);
-    ASSERT_TRUE(PumpUntil([&] { return pair.socket->GetSSL(); }));
-    static int code = 0;
-    toy.table.m_pSSL_get_error = [](const ssl_st*, int result) { return result == -1 ? code : 0; };
-    for (code = 0; code < 9; ++code)
-        EXPECT_EQ(pair.socket->GetLastError(), code >= 2 && code <= 7 ? WSAEWOULDBLOCK : code);
-}
-
-TEST(ProductSSL, InputThatNobodyTakesIsNotReportedWithoutEnd)
-{
-    using Part = void (*)(ProductPair&, ToySSL&);
-    const struct
-    {
-        const char* why;
-        Part block, goOn;
-        const char* received;
-    } rows[] = {
-        {"leaving waits for the host's gate",
-         [](ProductPair& pair, ToySSL&) {
-             pair.socket->OkayToSendScript = [] { return false; };
-             pair.socket->Send("queued");
-             pair.socket->StopSSLMode();
-             pair.peer.Writes(ToyData("late ") + ToyRecord('C') + "clear");
-         },
-         [](ProductPair& pair, ToySSL&) {
-             pair.socket->OkayToSendScript = nullptr;
-             pair.socket->Send("more");
-         },
-         "late clear"},
-        {"reading waits for room to write",
-         [](ProductPair& pair, ToySSL& toy) {
-             pair.socket->Send(std::string(4'000'000, 'b').c_str()); // more than it takes
-             PumpUntilQuiet();
-             toy.fault = [](int, const std::string& entry) {
-                 return entry == "read" || entry == "peek" ? int{kSSLErrorWantWrite} : 0;
-             };
-             pair.peer.Writes(ToyData("late"));
-         },
-         [](ProductPair&, ToySSL& toy) { toy.fault = nullptr; }, "late"},
-        {"the session's handle is gone",
-         [](ProductPair& pair, ToySSL&) {
-             pair.socket->Attach(pair.socket->Detach(), FD_ALL);
-             pair.peer.Writes("clear");
-         },
-         [](ProductPair& pair, ToySSL&) { pair.socket->StopSSLMode(); }, "clear"},
-        {"the provider cannot leave",
-         [](ProductPair& pair, ToySSL& toy) {
-             toy.table.m_pSSL_peek = nullptr;
-             toy.table.m_pSSL_shutdown = nullptr;
-             toy.table.m_pSSL_get_error = nullptr;
-             pair.socket->StopSSLMode();
-             pair.peer.Writes("clear");
-         },
-         [](ProductPair&, ToySSL&) {}, "clear"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.why);
-        ToySSL toy;
-        ProductPair pair;
-        int told = 0;
-        pair.socket->Collect();
-        pair.socket->around = [&told](const std::string& hook, bool after) {
-            told += !after && (hook == "OnReceive" || hook == "OnSend") ? 1 : 0;
-        };
-        ASSERT_TRUE(pair.PumpUntilConnected());
-        pair.peer.Writes(ToyRecord('H'));
-        Enter(*pair.socket, 1);
-        ASSERT_TRUE(PumpUntil([&] { return pair.socket->GetSSL(); }));
-        PumpUntilQuiet();
-        row.block(pair, toy);
-        told = 0;
-        PumpUntilQuiet();
-        EXPECT_LT(told, 20);
-        row.goOn(pair, toy);
-        EXPECT_TRUE(PumpUntil([&] {
-            pair.peer.ReadsWaiting();
-            return pair.socket->received == row.received;
-        })) << pair.socket->received;
-    }
+    both.peer.Writes(ToyData("protected"));
+    both.Await([&] { return offered.ends_with("protected"); });
+    EXPECT_EQ(offered, "protected");
 }
 
 // --- A host that does what it likes in a hook
 
-class SSLScenario : public HookScenario<ScriptedProduct>
+/// Outlives the scenario.
+struct Provider
+{
+    ~Provider() { EXPECT_EQ(toy.alive, 0); }
+    ToySSL toy;
+};
+
+class SSLScenario : Provider, public HookScenario<ScriptedProduct>
 {
 public:
     SSLScenario(const std::string& hook, const std::string& action, bool after)
-        : HookScenario(hook, action, after), m_Fails(hook == "NotifySSLAcceptError")
+        : HookScenario(hook, action, after), m_Hello(hook == "NotifySSLAcceptError" ? "no hello" : kToyHello)
     {
         socket->SetDeleteWhenDone(true);
         socket->OnCloseScript = [this](int error) { socket->BaseOnClose(error); };
@@ -456,16 +339,16 @@ private:
         m_Reader.Feed(wire);
         return std::exchange(m_Reader.plain, "");
     }
+    std::string LastBytes() override { return kToyClose; }
     void StartStreams() override
     {
         m_Reader = {};
         try {
-            Enter(*socket, 1);
+            Enter(*socket);
         } catch (const int&) {
         }
-        peer.Writes(std::exchange(m_Fails, false) ? "no hello" : ToyRecord('H'));
+        peer.Writes(std::exchange(m_Hello, kToyHello));
     }
-    std::string LastBytes() override { return ToyRecord('C'); }
     void Act(const std::string& action) override
     {
         if (action == "stop")
@@ -476,7 +359,7 @@ private:
             HookScenario::Act(action);
     }
 
-    bool m_Fails;
+    std::string m_Hello;
     ToyReader m_Reader;
 };
 
@@ -490,13 +373,11 @@ TEST_P(ProductSSLReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
     {
         for (const bool after : {false, true}) {
             SCOPED_TRACE(std::string(action) + (after ? " after the base's part" : " before"));
-            ToySSL toy;
             {
                 SSLScenario scenario(GetParam(), action, after);
                 scenario.RunToTheEnd();
                 scenario.ExpectWholeOrGone();
             }
-            EXPECT_EQ(toy.alive, 0);
             EXPECT_EQ(tavronet::CountLivingObjects().sockets, 0);
         }
     }
