@@ -2,71 +2,57 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <memory>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "tavronet/openssl/OpenSSLProvider.h"
-#include "tavronet/platform/LastError.h"
 #include "tavronet/socket/TavroProductSocket.h"
 #include "tests/openssl/Certificates.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/PlainSocket.h"
+#include "tests/support/LoopbackPair.h"
 
-using tavronet::Certificate;
 using tavronet::ChildProcess;
-using tavronet::PlainSocket;
 using tavronet::PumpUntil;
-using testing::HasSubstr;
 
 namespace
 {
 
-constexpr int kPatienceMs = 10000;
-
-/// Names of make-certificates, empty for none.
-struct Files
-{
-    std::string certificate, trusted;
-};
-
 class Connection : public CTavroProductSocket
 {
 public:
-    void Enter(bool server, const Files& files, UINT mode = 1)
+    /// @param name of its certificate and key, and of trusted authorities; empty for none
+    void Enter(bool server, const std::string& name, const std::string& trusted, UINT mode = 1)
     {
+        EnterWithFiles(server, name + ".pem", name + ".key", trusted, "", mode);
+    }
+    void EnterWithFiles(bool server, const std::string& certificateFile, const std::string& key,
+                        const std::string& trusted, const char* phrase, UINT mode)
+    {
+        const auto path = [](const std::string& file) {
+            return file.empty() || file[0] == '.' ? CStringW()
+                                                  : CStringW(tavronet::Certificate(file).c_str());
+        };
         Init(OpenSSLProvider());
-        const std::string name = files.certificate.empty() ? "" : Certificate(files.certificate);
-        const auto file = [](const std::string& path) { return CStringW(path.c_str()); };
         SetSSLServer(server, true);
         SetSSLAcceptSuccessNotify(true);
-        SetSSLMode(mode, true, false, file(name.empty() ? "" : name + ".pem"),
-                   file(name.empty() ? "" : name + ".key"),
-                   file(files.trusted.empty() ? "" : Certificate(files.trusted)), "");
-    }
-    bool Hears(const std::string& text)
-    {
-        return PumpUntil([&] { return received.find(text) != std::string::npos; });
+        SetSSLMode(mode, true, false, path(certificateFile), path(key), path(trusted), phrase);
     }
 
     std::string received, told, version, certificate;
     int closed = 0;
-    bool leavesWhenClosed = false;
 
 private:
     bool ProcessReceive(unsigned char*& buffer, int& length) override
     {
-        received.append(reinterpret_cast<const char*>(buffer),
-                        static_cast<std::size_t>(std::exchange(length, 0)));
+        received.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
+        length = 0;
         return true;
     }
     void OnClose(int error) override
     {
         ++closed;
         CTavroProductSocket::OnClose(error);
-        if (leavesWhenClosed)
-            StopSSLMode();
+        StopSSLMode();
     }
     void NotifySSLAcceptSuccess(const char*, const char* protocol, const char*, const char* peer,
                                 int) override
@@ -75,149 +61,118 @@ private:
         certificate = peer;
     }
     void NotifySSLAcceptError(const char*, const char*, const char* reason) override { told += reason; }
+    void NotifySSLCantOpenCertFile(const wchar_t*) override { told += "certificate"; }
+    void NotifySSLCantOpenPrivateKeyFile(const wchar_t*) override { told += "key"; }
 };
 
 std::vector<std::string> Words(const std::string& command)
 {
+    std::istringstream text(command);
     std::vector<std::string> words{"/usr/bin/openssl"};
-    for (std::size_t at = 0; at < command.size();) {
-        const std::size_t end = std::min(command.find(' ', at), command.size());
-        const std::string word = command.substr(at, end - at);
-        words.push_back(word.ends_with(".pem") || word.ends_with(".key") ? Certificate(word) : word);
-        at = end + 1;
-    }
+    for (std::string word; text >> word;)
+        words.push_back(word.ends_with(".pem") || word.ends_with(".key") ? tavronet::Certificate(word)
+                                                                         : word);
     return words;
 }
 
 } // namespace
 
-TEST(RealPeers, AClientMeetsTheServersOfTheProgram)
+TEST(RealPeers, TheOpenSSLProgramAsServerAndAsClient)
 {
     const struct
     {
-        const char* server;
-        Files client;
-        const char *hostName,
-            *outcome; // the protocol, or what the error hook is told; empty: only the end of it
+        std::string program;
+        const char *certificate, *trusted, *hostName; // ours
+        std::string
+            outcome; // the protocol, or what the error hook is told; empty: only the end of the connection
+        bool cut = false; // it ends without a close alert
     } rows[] = {
-        {"-tls1_3", {"", ""}, "", "TLSv1.3"},
-        {"-tls1_2", {"", "ca.pem"}, "tavronet.test", "TLSv1.2"},
-        {"-tls1_3", {"", "ca.pem"}, "127.0.0.1", "TLSv1.3"},
-        {"-tls1_2",
-         {"", "other-ca.pem"},
-         "",
-         "certificate verify failed: unable to get local issuer certificate"},
-        {"-tls1_3", {"", "ca.pem"}, "other.test", "certificate verify failed: hostname mismatch"},
-        {"-tls1_3 -cert expired.pem -key expired.key",
-         {"", "ca.pem"},
-         "",
-         "certificate verify failed: certificate has expired"},
-        {"-tls1_2 -Verify 1 -CAfile ca.pem", {"client", "ca.pem"}, "", "TLSv1.2"},
-        {"-tls1_3 -Verify 1 -CAfile ca.pem", {"client", "ca.pem"}, "", "TLSv1.3"},
-        {"-tls1_2 -Verify 1 -CAfile ca.pem", {"", "ca.pem"}, "", "alert handshake failure"},
-        {"-tls1_3 -Verify 1 -CAfile ca.pem", {"", "ca.pem"}, "", ""},
+        {"s_server -tls1_3", "", "", "", "TLSv1.3"},
+        {"s_server -tls1_2", "", "ca.pem", "tavronet.test", "TLSv1.2", true},
+        {"s_server -tls1_3", "", "ca.pem", "127.0.0.1", "TLSv1.3", true},
+        {"s_server -tls1_2", "", "other-ca.pem", "", "verify failed: unable to get local issuer certificate"},
+        {"s_server -tls1_3", "", "ca.pem", "other.test", "verify failed: hostname mismatch"},
+        {"s_server -tls1_3 -cert expired.pem -key expired.key", "", "ca.pem", "", "certificate has expired"},
+        {"s_server -tls1_2 -Verify 1 -CAfile ca.pem", "client", "ca.pem", "", "TLSv1.2"},
+        {"s_server -tls1_3 -Verify 1 -CAfile ca.pem", "client", "ca.pem", "", "TLSv1.3"},
+        {"s_server -tls1_2 -Verify 1 -CAfile ca.pem", "", "ca.pem", "", "alert handshake failure"},
+        {"s_server -tls1_3 -Verify 1 -CAfile ca.pem", "", "ca.pem", "", ""},
+        {"s_client -tls1_3 -CAfile ca.pem -verify_return_error -verify_hostname tavronet.test", "server", "",
+         "", "TLSv1.3"},
+        {"s_client -tls1_2", "server", "", "", "TLSv1.2", true},
+        {"s_client -tls1_3 -cert client.pem -key client.key", "server", "ca.pem", "", "TLSv1.3", true},
+        {"s_client -tls1_2 -cert client.pem -key client.key", "server", "ca.pem", "", "TLSv1.2"},
+        {"s_client -tls1_3 -CAfile other-ca.pem -verify_return_error", "server", "", "", "alert unknown ca"},
+        {"s_client -tls1_3", "server", "ca.pem", "", "peer did not return a certificate"},
+        {"s_client -tls1_2 -cert stranger.pem -key stranger.key", "server", "ca.pem", "",
+         "verify failed: unable to get local issuer certificate"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.server) + " " + row.client.trusted + " " + row.hostName);
-        const std::string own = std::string(row.server).find("-cert") == std::string::npos
-                                    ? "-cert server.pem -key server.key "
-                                    : "";
-        ChildProcess server(Words("s_server -accept 127.0.0.1:0 -rev " + own + row.server),
-                            ChildProcess::Place::Here);
-        const std::string line = server.AwaitLine("ACCEPT", kPatienceMs);
-        ASSERT_NE(line, "");
-        Connection client;
-        ASSERT_TRUE(client.Create(0, SOCK_STREAM, FD_ALL, L"127.0.0.1", 0));
-        client.Connect(L"127.0.0.1", static_cast<UINT>(std::stoi(line.substr(line.rfind(':') + 1))));
-        client.SetSSLHostName(row.hostName);
-        client.Enter(false, row.client);
-        client.Send("hello\n");
-        const std::string outcome = row.outcome;
-        if (outcome.starts_with("TLS")) {
-            EXPECT_TRUE(client.Hears("olleh")) << client.told;
-            EXPECT_EQ(client.version, outcome);
-            client.Send("CLOSE\n"); // has the server end with a close alert
-            EXPECT_TRUE(PumpUntil([&] { return client.closed > 0; }));
-            client.StopSSLMode();
-            EXPECT_FALSE(client.GetSSL());
+        SCOPED_TRACE(row.program + " " + row.trusted + " " + row.hostName);
+        constexpr int kPatienceMs = 10000;
+        const bool weServe = row.program.starts_with("s_client");
+        const auto listener = tavronet::PlainSocket::Listening();
+        ChildProcess program(Words(row.program.substr(0, 8) +
+                                   (weServe ? " -connect 127.0.0.1:" + std::to_string(listener.Port())
+                                            : " -accept 127.0.0.1:0 -cert server.pem -key server.key") +
+                                   row.program.substr(8)),
+                             ChildProcess::Place::Here);
+        Connection ours;
+        if (weServe) {
+            ASSERT_TRUE(ours.Attach(listener.Accept().Releases(), FD_ALL));
         } else {
-            EXPECT_TRUE(
-                PumpUntil([&] { return outcome.empty() ? client.closed > 0 : !client.told.empty(); }));
-            EXPECT_THAT(client.told, HasSubstr(outcome));
-            EXPECT_EQ(client.received, "");
+            const std::string line = program.AwaitLine("ACCEPT", kPatienceMs);
+            ASSERT_TRUE(ours.Create(0, SOCK_STREAM, FD_ALL, L"127.0.0.1", 0));
+            ours.Connect(L"127.0.0.1", static_cast<UINT>(std::atoi(line.c_str() + line.rfind(':') + 1)));
         }
+        ours.SetSSLHostName(row.hostName);
+        ours.Enter(weServe, row.certificate, row.trusted);
+        ours.Send("welcome\n");
+        if (!row.outcome.starts_with("TLS")) {
+            EXPECT_TRUE(PumpUntil([&] { return row.outcome.empty() ? ours.closed > 0 : ours.told != ""; }));
+            EXPECT_THAT(ours.told, testing::HasSubstr(row.outcome));
+            continue;
+        }
+        EXPECT_TRUE(PumpUntil([&] { return ours.version == row.outcome; })) << ours.told;
+        EXPECT_TRUE(program.Write("hello\n"));
+        EXPECT_TRUE(PumpUntil([&] { return ours.received == "hello\n"; }));
+        EXPECT_NE(program.AwaitLine("welcome", kPatienceMs), "");
+        EXPECT_EQ(ours.certificate.starts_with("-----BEGIN CERTIFICATE"), !weServe || *row.trusted != '\0');
+        if (row.cut)
+            program.Stop();
+        else
+            EXPECT_TRUE(program.Write("Q\n"));
+        EXPECT_TRUE(PumpUntil([&] { return ours.closed > 0; }));
+        for (int i = 0; i < 3; ++i)
+            ours.Send("to nobody"); // no signal
     }
 }
 
-TEST(RealPeers, AServerMeetsTheClientsOfTheProgram)
+TEST(RealPeers, FilesAreReadOrRefused)
 {
-    enum class End
-    {
-        CloseAlert,
-        Cut
-    };
     const struct
     {
-        const char* client;
-        Files server;
-        const char* outcome;
-        End end;
+        const char *certificate, *key, *phrase, *told;
     } rows[] = {
-        {"-tls1_3 -CAfile ca.pem -verify_return_error -verify_hostname tavronet.test",
-         {"server", ""},
-         "TLSv1.3",
-         End::CloseAlert},
-        {"-tls1_2", {"server", ""}, "TLSv1.2", End::Cut},
-        {"-tls1_3 -cert client.pem -key client.key", {"server", "ca.pem"}, "TLSv1.3", End::Cut},
-        {"-tls1_2 -cert client.pem -key client.key", {"server", "ca.pem"}, "TLSv1.2", End::CloseAlert},
-        {"-tls1_3 -CAfile other-ca.pem -verify_return_error", {"server", ""}, "alert unknown ca", End::Cut},
-        {"-tls1_3", {"server", "ca.pem"}, "peer did not return a certificate", End::Cut},
-        {"-tls1_2 -cert stranger.pem -key stranger.key",
-         {"server", "ca.pem"},
-         "certificate verify failed: unable to get local issuer certificate",
-         End::Cut},
+        {"server.pem", "server.key", "", ""},
+        {"server.pem", "locked.key", "ten chars!", ""},
+        {"server.pem", "locked.key", "wrong", "key"}, // although the key is known by now
+        {"server.pem", "client.key", "", "key"},      // another's
+        {"no-such.pem", "no-such.key", "", "certificate"},
+        {"server.key", "server.pem", "", "certificate"}, // the wrong way round
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.client);
-        const PlainSocket listener = PlainSocket::Listening();
-        ChildProcess client(
-            Words("s_client -connect 127.0.0.1:" + std::to_string(listener.Port()) + " " + row.client),
-            ChildProcess::Place::Here);
-        PlainSocket accepted = listener.Accept();
-        Connection server;
-        ASSERT_TRUE(server.Attach(accepted.Releases(), FD_ALL));
-        server.Enter(true, row.server);
-        server.Send("welcome\n");
-        const std::string outcome = row.outcome;
-        if (!outcome.starts_with("TLS")) {
-            EXPECT_TRUE(PumpUntil([&] { return !server.told.empty(); }));
-            EXPECT_THAT(server.told, HasSubstr(outcome));
-            continue;
-        }
-        EXPECT_TRUE(PumpUntil([&] { return server.version == outcome; })) << server.told;
-        EXPECT_TRUE(client.Write("hello\n"));
-        EXPECT_TRUE(server.Hears("hello\n"));
-        EXPECT_NE(client.AwaitLine("welcome", kPatienceMs), "");
-        EXPECT_EQ(server.certificate.starts_with("-----BEGIN CERTIFICATE-----"), !row.server.trusted.empty());
-        if (row.end == End::CloseAlert)
-            EXPECT_TRUE(client.Write("Q\n"));
-        else
-            client.Stop();
-        EXPECT_TRUE(PumpUntil([&] { return server.closed > 0; }));
-        EXPECT_EQ(server.GetSSL(), true);
-        for (int i = 0; i < 3; ++i)
-            server.Send("to nobody"); // no signal
+        tavronet::LoopbackPair<Connection> pair;
+        pair.socket->EnterWithFiles(true, row.certificate, row.key, "", row.phrase, 1);
+        EXPECT_EQ(pair.socket->told, row.told) << row.certificate << " " << row.key << " " << row.phrase;
     }
 }
 
 TEST(RealPeers, AConnectionGoesInAndOutOfTlsAgainAndAgain)
 {
-    const PlainSocket listener = PlainSocket::Listening();
-    Connection client, server;
-    ASSERT_TRUE(client.Create(0, SOCK_STREAM, FD_ALL, L"127.0.0.1", 0));
-    client.Connect(L"127.0.0.1", listener.Port());
-    PlainSocket accepted = listener.Accept();
-    ASSERT_TRUE(server.Attach(accepted.Releases(), FD_ALL));
+    tavronet::LoopbackPair<Connection> pair;
+    Connection &client = *pair.socket, server;
+    ASSERT_TRUE(server.Attach(pair.peer.Releases(), FD_ALL));
     std::string toServer, toClient;
     const auto talk = [&](const std::string& what) {
         toServer += "c" + what;
@@ -226,19 +181,16 @@ TEST(RealPeers, AConnectionGoesInAndOutOfTlsAgainAndAgain)
         server.Send(("s" + what).c_str());
         return PumpUntil([&] { return server.received == toServer && client.received == toClient; });
     };
-    client.leavesWhenClosed = server.leavesWhenClosed = true;
-    const std::string bulk(300'000, 'x');
     for (UINT round = 1; round <= 4; ++round) {
         ASSERT_TRUE(talk("plain")) << round;
         client.SetSSLHostName("tavronet.test");
-        client.Enter(false, {"", "ca.pem"}, round);
-        server.Enter(true, {"server", ""}, round);
-        ASSERT_TRUE(talk(bulk)) << client.told << server.told;
+        client.Enter(false, "", "ca.pem", round);
+        server.Enter(true, "server", "", round);
+        ASSERT_TRUE(talk(std::string(300'000, 'x'))) << client.told << server.told;
         EXPECT_TRUE(client.GetSSL() && server.GetSSL());
-        Connection& leaver = round % 2 == 0 ? client : server;
-        leaver.Send("last words");
+        (round % 2 == 0 ? client : server).Send("last words");
         (round % 2 == 0 ? toServer : toClient) += "last words";
-        leaver.StopSSLMode();
+        (round % 2 == 0 ? client : server).StopSSLMode();
         EXPECT_TRUE(PumpUntil([&] { return !client.GetSSL() && !server.GetSSL(); }));
     }
     EXPECT_TRUE(talk("plain at last"));
