@@ -172,8 +172,16 @@ bool IsAddress(const char* name)
     return inet_pton(AF_INET, name, bytes) == 1 || inet_pton(AF_INET6, name, bytes) == 1;
 }
 
-int SetHostName(SSL* session, const char* name, int check)
+/// A dot at the end, which says that the name is whole, is no part of it. One at the start would stand for any host of a
+/// domain: refused.
+int SetHostName(SSL* session, const char* givenName, int check)
 {
+    std::string text = givenName;
+    if (text.ends_with('.'))
+        text.pop_back();
+    if (text.starts_with('.'))
+        return 0;
+    const char* const name = text.c_str();
     X509_VERIFY_PARAM* const parameters = SSL_get0_param(session);
     if (IsAddress(name)) // has no place among the names that a client tells
         return check == 0 || X509_VERIFY_PARAM_set1_ip_asc(parameters, name) == 1;

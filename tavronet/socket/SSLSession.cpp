@@ -41,17 +41,22 @@ struct MemoryBuffer
     char* data;
 };
 
+/// An error that somebody else left in the queue would be taken for one of what comes.
+void DropErrors(const COpenSSL& ssl)
+{
+    for (int i = 0; i < kMaxQueuedErrors && ssl.ERR_get_error() != 0; ++i)
+        continue;
+}
+
 } // namespace
 
-/// Around a call that reads or writes. An error left in the queue by somebody else, or an old errno, would be
-/// taken for its outcome, and a write to a peer that has gone would end the process.
+/// Around a call that reads or writes. An old error, or an old errno, would be taken for its outcome, and a write to a peer that has gone would end the process.
 class SSLSession::CallScope
 {
 public:
     explicit CallScope(const COpenSSL& ssl)
     {
-        for (int i = 0; i < kMaxQueuedErrors && ssl.ERR_get_error() != 0; ++i)
-            continue;
+        DropErrors(ssl);
         if (!ssl.m_bRaisesNoSignals)
             m_Block.emplace();
         errno = 0;
@@ -73,6 +78,7 @@ SSLSession::~SSLSession()
 
 bool SSLSession::MakeContext(UINT mode, bool noSSLv2, bool weakCiphers)
 {
+    DropErrors(m_Ssl);
     const bool restricted = m_Ssl.SSL_restricted() != 0;
     m_pContext =
         m_Ssl.SSL_CTX_new(restricted || mode == kFirstMode ? m_Ssl.SSL_method_mode1() : m_Ssl.SSL_method());
@@ -192,7 +198,9 @@ bool SSLSession::PeerCertificate(CStringA& certificate) const
                                                                    freeCertificate);
     if (peer == nullptr)
         return false;
-    const std::unique_ptr<bio_st, decltype(freeBio)> bio(m_Ssl.BIO_new(m_Ssl.BIO_s_mem()), freeBio);
+    const bio_method_st* const memory = m_Ssl.BIO_s_mem();
+    const std::unique_ptr<bio_st, decltype(freeBio)> bio(memory != nullptr ? m_Ssl.BIO_new(memory) : nullptr,
+                                                         freeBio);
     if (bio == nullptr || m_Ssl.PEM_write_bio_X509(bio.get(), peer.get()) <= 0)
         return false;
     MemoryBuffer* text = nullptr;

@@ -46,6 +46,11 @@ public:
 
     // --- The session
 
+    /// Whether the provider has the entries without which a session fails or never ends.
+    [[nodiscard]] bool IsPossible() const
+    {
+        return m_Ssl.m_pSSL_set_bio != nullptr && m_Ssl.m_pSSL_peek != nullptr;
+    }
     /// Makes it, for a connection on this handle. @param server accepts the handshake, otherwise begins it.
     [[nodiscard]] bool Start(SOCKET handle, bool server);
     /// Tells the server which host this client means, and has its certificate checked when authorities are

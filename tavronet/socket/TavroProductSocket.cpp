@@ -31,8 +31,7 @@ constexpr UINT kMaxPendingPackets = 10; // the tenth stops reception
 constexpr int kDefaultCompressionLevel = 6;
 constexpr int kWindowBits = 15; // zlib format, window of 32 KiB
 
-constexpr int kMostReadsAtClose =
-    1000; // far beyond what the system holds; a hook may ask for passes without end
+constexpr int kMostVainReadsAtClose = 1000; // a hook may ask for passes without end
 
 constexpr LONG kPausedEvents = FD_ALL & ~FD_READ;
 
@@ -134,10 +133,14 @@ void CTavroProductSocket::OnClose(int error)
     const std::uint64_t handle = HandleId();
     CTavroSocket::OnClose(error);
     const FlagScope draining(*this, m_bInOnClose);
-    int left = kMostReadsAtClose;
+    int left = kMostVainReadsAtClose;
+    const auto goesOn = [&] { return guard.Alive() && HandleId() == handle; };
     do {
+        m_bTookInput = false;
         OnReceive(0);
-    } while (guard.Alive() && HandleId() == handle && TakeCutShort() && --left > 0);
+    } while (goesOn() && TakeCutShort() && (m_bTookInput || --left > 0));
+    if (goesOn() && m_bExitSSLModeWhenDone)
+        StopSSLMode(); // no notification comes any more
 }
 
 int CTavroProductSocket::GetLastError()
@@ -181,12 +184,23 @@ void CTavroProductSocket::PacketProcessed()
 void CTavroProductSocket::OnReceive(int error)
 {
     const tavronet::LifetimeGuard guard(*this);
+    try {
+        ReceiveThroughLayers(guard, error);
+    } catch (...) {
+        if (guard.Alive() && HasSSLSession())
+            RequestRead(); // what the session has taken from the system, nothing reports again
+        throw;
+    }
+}
+
+void CTavroProductSocket::ReceiveThroughLayers(const tavronet::LifetimeGuard& guard, int error)
+{
     const std::uint64_t handle = HandleId();
     if (error == 0 && m_bExitSSLModeWhenDone)
         StopSSLMode();
-    if (guard.Alive() && error == 0 && m_bSSLAcceptPending)
+    if (guard.Alive() && error == 0 && m_bSSLAcceptPending && HandleId() == handle)
         SSLAccept();
-    if (!guard.Alive())
+    if (!guard.Alive() || HandleId() != handle)
         return;
 
     const bool blocked = IsBlocked();
@@ -215,11 +229,13 @@ int CTavroProductSocket::ReceiveData(unsigned char* buffer, int length, int flag
         WSASetLastError(WSAEWOULDBLOCK);
         return SOCKET_ERROR;
     }
-    if (HasSSLSession())
-        return SSLReceive(buffer, length, flags);
-    if (HasClearAhead())
-        return ReceiveClearAhead(buffer, length, flags);
-    return CTavroSocket::ReceiveData(buffer, length, flags);
+    const tavronet::LifetimeGuard guard(*this);
+    const int received = HasSSLSession()   ? SSLReceive(buffer, length, flags)
+                         : HasClearAhead() ? ReceiveClearAhead(buffer, length, flags)
+                                           : CTavroSocket::ReceiveData(buffer, length, flags);
+    if (guard.Alive() && received > 0)
+        m_bTookInput = true;
+    return received;
 }
 
 // --- Sending
@@ -237,19 +253,21 @@ bool CTavroProductSocket::OkayToSend()
 void CTavroProductSocket::OnSend(int error)
 {
     const tavronet::LifetimeGuard guard(*this);
+    const std::uint64_t handle = HandleId();
+    const auto goesOn = [&] { return guard.Alive() && HandleId() == handle; };
     const bool readWaits = m_bSSLWaitsToWrite;
     if (error == 0 && m_bSSLAcceptPending)
         SSLAccept();
-    if (!guard.Alive())
+    if (!goesOn())
         return;
 
     if (m_bSSLAcceptPending)
         m_bSendDuringSSLAccept = true;
     else if (m_pPendingWrite == nullptr || FlushPendingWrite())
         CTavroSocket::OnSend(error);
-    if (guard.Alive() && readWaits)
+    if (goesOn() && readWaits)
         RequestRead();
-    if (guard.Alive() && error == 0 && m_bExitSSLModeWhenDone)
+    if (goesOn() && error == 0 && m_bExitSSLModeWhenDone)
         StopSSLMode();
 }
 
@@ -281,7 +299,7 @@ int CTavroProductSocket::SendPlain(unsigned char* data, int length, int flags)
 }
 
 /// Keeps bytes that the session has to be offered again. The chunk of a Send changes hands as it is, and the Send
-/// learns that it would block. Other bytes are copied, and count as accepted.
+/// learns that it would block. Other bytes are copied and count as accepted, and the gate closes.
 int CTavroProductSocket::KeepForSession(unsigned char* data, int length)
 {
     if (IsSendChunk(data, length)) {
@@ -291,8 +309,10 @@ int CTavroProductSocket::KeepForSession(unsigned char* data, int length)
     }
     tavronet::ByteBuffer copy;
     copy.Append(data, length);
+    const tavronet::LifetimeGuard guard(*this);
     KeepUnwritten(std::move(copy), length, length);
-    return length;
+    SetOkayToSend(false);
+    return guard.Alive() ? length : SOCKET_ERROR;
 }
 
 /// One write of the session or, without one, of the system.

@@ -76,7 +76,8 @@ public:
     int Listen(int backlog);
 
     /// Leaves SSL mode as far as that goes without waiting, and closes the handle. A write that was under way is
-    /// dropped: its beginning went to a connection that is no more.
+    /// dropped: its beginning went to a connection that is no more. So is, in SSL mode, what is queued: on the
+    /// next connection it would go out in clear.
     void Close() override;
 
     /// Whether closing now loses nothing: nothing is queued or half written, no handshake is under way, and no
@@ -116,7 +117,8 @@ public:
     /// One that is not loaded when none was named.
     static COpenSSL& GetOpenSSL();
 
-    /// Enters SSL mode `mode`, or leaves it with mode 0. Does nothing when that is the mode already.
+    /// Enters SSL mode `mode`, or leaves it with mode 0. Does nothing when that is the mode already, which it is until
+    /// a deferred leaving has ended. A Send with flags goes past the session, in clear.
     /// @param noSSLv2, weakCiphers options of the context.
     /// @param certFile, keyFile, trustedCAFile PEM files, empty for none; a refused one ends in its hook and the
     ///        mode stays 0.
@@ -280,6 +282,7 @@ private:
     };
 
     bool IsLastToTransform() const;
+    void ReceiveThroughLayers(const tavronet::LifetimeGuard& guard, int error);
     bool IsBlocked() const { return m_bSSLAcceptPending || (m_bExitSSLModeWhenDone && !m_bSSLDrains); }
     int SendPlain(unsigned char* data, int length, int flags);
     int WriteToWire(unsigned char* data, int length, int flags);
@@ -314,7 +317,7 @@ private:
     int SSLReadsUnasked() const;
     bool SSLReadToEnd() const;
     int NotePeerClosed(int result);
-    int NoteSessionBroken(int result);
+    int EndBrokenSession(int result);
     int DiscardClearText();
     int SSLSend(unsigned char* data, int length, int flags);
     int SSLLastError();
@@ -334,6 +337,7 @@ private:
     bool m_bReceiveEnabled : 1 = true;
     bool m_bDeleteWhenDone : 1 = false;
     bool m_bInflateBroken : 1 = false; // told the host once, inflates nothing more
+    bool m_bTookInput : 1 = false;     // since OnClose asked
 
     bool m_bSSLEstablished : 1 = false;      // a handshake has completed once
     bool m_bSSLAcceptPending : 1 = false;    // a handshake is under way

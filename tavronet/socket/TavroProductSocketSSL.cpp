@@ -49,6 +49,8 @@ enum class Phase
 /// The pass phrase of the socket that is `userData`.
 int CopyPassword(char* buffer, int size, int, void* userData)
 {
+    if (userData == nullptr) // of a provider that does not keep it
+        return 0;
     const CStringA& password = static_cast<const CTavroProductSocket*>(userData)->GetSSLCertPassword();
     if (size < password.GetLength() + 1)
         return 0;
@@ -212,6 +214,8 @@ CTavroProductSocket::SSLRefusal CTavroProductSocket::MakeSSLSession(UINT mode, b
         if (!trustedCAFile.IsEmpty() && !session.TrustAuthorities(trustedCAFile))
             return {.hook = &CTavroProductSocket::NotifySSLCantLoadTrustedCAFile, .path = &trustedCAFile};
     }
+    if (!session.IsPossible())
+        return {.reason = "the provider lacks entries of a session"};
     if (!session.Start(m_hSocket, m_bSSLServer)) {
         state.session.reset();
         return {};
@@ -285,7 +289,14 @@ void CTavroProductSocket::FinishHandshake()
     ReleaseReceiveBuffer(); // it arrived in clear, from whoever stands between
     state.clearTextHeld = true;
 
-    ReportSSLSuccess();
+    m_bSSLAcceptPending = true; // until UseSession
+    try {
+        ReportSSLSuccess();
+    } catch (...) {
+        if (guard.Alive())
+            RequestRead();
+        throw;
+    }
     if (guard.Alive() && state.entries == entry && HasSSLWire())
         UseSession();
 }
@@ -391,13 +402,11 @@ int CTavroProductSocket::SSLReceive(unsigned char* buffer, int length, int flags
 
     const bool closed = outcome.error == kSSLErrorZeroReturn;
     const bool broken = !outcome.WouldBlock() && !closed;
-    // After an aborted read the pipeline closes the handle; of a connection that has ended OnClose is to tell.
-    const int error = broken && !peeks && WireHasEnded() ? WSAECONNRESET : WSAECONNABORTED;
-    WSASetLastError(broken ? error : WSAEWOULDBLOCK);
+    if (broken && !m_bInOnClose && !WireHasEnded()) // otherwise the system's notification is to tell
+        return EndBrokenSession(outcome.result);
+    WSASetLastError(broken ? WSAECONNRESET : WSAEWOULDBLOCK);
     if (closed && !m_bInOnClose)
         return NotePeerClosed(outcome.result);
-    if (broken && !peeks && error == WSAECONNABORTED && !m_bInOnClose)
-        return NoteSessionBroken(outcome.result);
     return peeks ? CTavroSocket::ReceiveData(buffer, length, MSG_PEEK) : outcome.result;
 }
 
@@ -434,20 +443,24 @@ int CTavroProductSocket::NotePeerClosed(int result)
         return result;
     const tavronet::LifetimeGuard guard(*this);
     OnClose(0);
+    WSASetLastError(WSAEWOULDBLOCK); // whatever the hook has left
     return guard.Alive() ? result : SOCKET_ERROR;
 }
 
-/// Nothing more can be read from this session although the connection lives. The pipeline closes the handle for that,
-/// and nothing would tell the host. @return what the read came to, -1 when the close hook has deleted this socket.
-int CTavroProductSocket::NoteSessionBroken(int result)
+/// Nothing more can be read from this session although the connection lives: no notification would tell the host.
+/// @return what the read came to, -1 when the close hook has deleted this socket.
+int CTavroProductSocket::EndBrokenSession(int result)
 {
     const tavronet::LifetimeGuard guard(*this);
+    const std::uint64_t handle = HandleId();
     if (!std::exchange(m_pSSLState->peerClosed, true))
         OnClose(WSAECONNABORTED);
     if (!guard.Alive())
         return SOCKET_ERROR;
+    if (HandleId() == handle)
+        Close();
     WSASetLastError(WSAECONNABORTED);
-    return result;
+    return guard.Alive() ? result : SOCKET_ERROR;
 }
 
 /// Without a handshake that has completed nobody knows who sends: what arrives is read and forgotten.
@@ -520,9 +533,11 @@ void CTavroProductSocket::StopSSLMode()
     }
     m_bExitSSLModeWhenDone = false;
     ++m_pSSLState->entries;
-    if (m_pSSLState->writeFailed)
+    if (m_pSSLState->writeFailed || !wire)
         DropSendQueue(); // never in clear
-    LeaveSession();      // before the hook, in which this is a plain connection again
+    if (wire && m_pSSLState->phase == Phase::Failed)
+        DiscardClearText(); // what a pause has held up
+    LeaveSession();         // before the hook, in which this is a plain connection again
     LookForInput(m_bReceiveEnabled ? FD_ALL : FD_ALL & ~FD_READ); // what has waited behind the session
     NotifySSLConnectionShutdown();
 }
@@ -543,7 +558,8 @@ bool CTavroProductSocket::ExchangeCloseAlerts()
     const SSLOutcome peeked = state.session->Peek(scratch, kLeavingPeekBytes);
     // Looking for the peer's alert, the session would break over data in front of it.
     m_bSSLDrains = state.alertSent && peeked.result > 0;
-    if (m_bSSLDrains || (state.alertSent && peeked.WouldBlock())) {
+    // A peek may have to write first, which must not come behind our alert.
+    if (m_bSSLDrains || peeked.WantsWrite() || (state.alertSent && peeked.WouldBlock())) {
         NoteSSLWants(peeked);
         return false;
     }
@@ -593,7 +609,8 @@ void CTavroProductSocket::LookForInput(LONG events)
         return;
     AsyncSelect(events);
     const bool ahead = HasSSLSession() ? m_pSSLState->session->WaitingAhead() > 0 : HasClearAhead();
-    if (ahead)
+    const bool failed = HasSSLSession() && m_pSSLState->phase == Phase::Failed; // and reads no more
+    if (ahead && !failed)
         RequestRead();
 }
 

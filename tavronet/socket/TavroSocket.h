@@ -216,8 +216,7 @@ protected:
     virtual bool SendsFromAnyMemory() const;
 
     /// How many bytes ReceiveData may be asked for without a peek before; 0 for none. A result of 0 or -1 is treated
-    /// like that of the peek. kSpareBytes, the most, also means that it reads what the system has, as it is; with fewer
-    /// WSAECONNABORTED closes the connection.
+    /// like that of the peek. kSpareBytes, the most, also means that it reads what the system has, as it is.
     /// Called:  by OnReceive at the start of a pass, when no bytes are held. Must not: change anything.
     /// Base:    the most for the base's ReceiveData, none for one of a derived class (told on x86-64, elsewhere none).
     virtual int ReadsUnasked() const;

@@ -190,9 +190,7 @@ bool CTavroSocket::ReadPass(Reading& reading)
     const int most = m_BulkInput || m_ReceiveBuffer.Holds() ? 0 : ReadsUnasked();
     if (most > 0) {
         const int received = ReadUnasked(reading, most);
-        const bool ownSource = most < tavronet::kSpareBytes;
-        reading.aborted = received <= 0 && ownSource && WSAGetLastError() == WSAECONNABORTED;
-        if (!reading.GoesOn() || reading.aborted)
+        if (!reading.GoesOn())
             return false;
         return received > 0 ? PassOn(reading, received, 0) : OnReceiveNoDataContinue(received);
     }

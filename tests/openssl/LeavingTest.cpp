@@ -75,6 +75,8 @@ public:
     }
     [[nodiscard]] bool IsSecure() const { return GetSSL() && !SSLAcceptPending(); }
 
+    using CTavroProductSocket::SSLAcceptPending;
+
     std::string received;
     bool entersAgain = false;
     int closed = 0;
@@ -157,6 +159,17 @@ TEST_F(LeavingTest, BehindTheCloseAlertIsTheNextHandshake)
     EXPECT_TRUE(ShakesHands(next));
     pair.peer.Writes(next.Says("again"));
     EXPECT_TRUE(Hears("again")) << server.received;
+}
+
+// Where an earlier version went on asking for what the failed session had read ahead.
+TEST(FailedHandshake, TheRestOfTheGarbageIsNotReportedWithoutEnd)
+{
+    LoopbackPair<Connection> pair;
+    ASSERT_TRUE(pair.PumpUntilConnected());
+    pair.socket->Enter();
+    pair.peer.Writes("garbage garbage");
+    tavronet::PumpUntilQuiet();
+    EXPECT_FALSE(pair.socket->SSLAcceptPending());
 }
 
 TEST(BothEndsLeaving, WhatBothHaveQueuedArrivesFirst)
