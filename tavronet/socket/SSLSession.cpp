@@ -41,16 +41,10 @@ struct MemoryBuffer
     char* data;
 };
 
-/// An error that somebody else left in the queue would be taken for one of what comes.
-void DropErrors(const COpenSSL& ssl)
-{
-    for (int i = 0; i < kMaxQueuedErrors && ssl.ERR_get_error() != 0; ++i)
-        continue;
-}
-
 } // namespace
 
-/// Around a call that reads or writes. An old error, or an old errno, would be taken for its outcome, and a write to a peer that has gone would end the process.
+/// Around a call that reads or writes. An old error, or an old errno, would be taken for its outcome, and a write
+/// to a peer that has gone would end the process.
 class SSLSession::CallScope
 {
 public:
@@ -66,6 +60,12 @@ private:
     std::optional<SigPipeBlock> m_Block;
 };
 
+void SSLSession::DropErrors(const COpenSSL& ssl)
+{
+    for (int i = 0; i < kMaxQueuedErrors && ssl.ERR_get_error() != 0; ++i)
+        continue;
+}
+
 SSLSession::~SSLSession()
 {
     if (m_pSession != nullptr)
@@ -78,7 +78,6 @@ SSLSession::~SSLSession()
 
 bool SSLSession::MakeContext(UINT mode, bool noSSLv2, bool weakCiphers)
 {
-    DropErrors(m_Ssl);
     const bool restricted = m_Ssl.SSL_restricted() != 0;
     m_pContext =
         m_Ssl.SSL_CTX_new(restricted || mode == kFirstMode ? m_Ssl.SSL_method_mode1() : m_Ssl.SSL_method());

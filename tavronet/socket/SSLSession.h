@@ -34,6 +34,9 @@ public:
     SSLSession(const SSLSession&) = delete;
     SSLSession& operator=(const SSLSession&) = delete;
 
+    /// Empties the provider's queue: an old error would be taken for one of what comes.
+    static void DropErrors(const COpenSSL& ssl);
+
     // --- The context. Each returns false when the provider refuses.
 
     [[nodiscard]] bool MakeContext(UINT mode, bool noSSLv2, bool weakCiphers);

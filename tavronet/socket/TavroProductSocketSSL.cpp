@@ -184,9 +184,10 @@ void CTavroProductSocket::SetSSLMode(UINT mode, bool noSSLv2, bool weakCiphers, 
         return StartHandshake(mode);
     if (leavesSession)
         DropSendQueue(); // meant for a session
-    if (refused.hook != nullptr)
+    if (refused.hook != nullptr) {
+        SSLSession::DropErrors(GetOpenSSL()); // the hook tells what they would
         (this->*refused.hook)(*refused.path);
-    else if (refused.reason != nullptr)
+    } else if (refused.reason != nullptr)
         NotifySSLAcceptError("TavroNET", "", refused.reason);
     else
         SSLSendAcceptError();
