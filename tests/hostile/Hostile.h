@@ -57,11 +57,11 @@ public:
     }
 
     /// Checks the figures, and prints them.
-    void Check(int descriptorsAllowed = 0)
+    void Check(int descriptorsAllowed = 0, long mostMebibytes = 16)
     {
         const long grown = std::max(m_MostBytes, Bytes()) - m_Bytes, opened = Descriptors() - m_Descriptors;
         std::printf("    grown %ld KiB, held %.1f ms, descriptors %+ld\n", grown / 1024, m_LongestMs, opened);
-        EXPECT_LT(grown, 16 * 1024 * 1024);
+        EXPECT_LT(grown, mostMebibytes * 1024 * 1024);
         EXPECT_LE(m_LongestMs, 50 * kSlowness);
         EXPECT_LE(opened, descriptorsAllowed);
     }
