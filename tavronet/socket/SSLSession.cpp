@@ -162,7 +162,11 @@ SSLOutcome SSLSession::Peek(void* buffer, int length)
 {
     const CallScope scope(m_Ssl);
     const int result = m_Ssl.SSL_peek(m_pSession, buffer, length);
-    return {result, result > 0 ? 0 : m_Ssl.SSL_get_error(m_pSession, result)};
+    SSLOutcome outcome{result, result > 0 ? 0 : m_Ssl.SSL_get_error(m_pSession, result)};
+    // Behind the peer's alert OpenSSL still tells what the call before wanted.
+    if (result == 0 && outcome.WouldBlock())
+        outcome.error = kSSLErrorZeroReturn;
+    return outcome;
 }
 
 SSLOutcome SSLSession::Write(const void* data, int length)
