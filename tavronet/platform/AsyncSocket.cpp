@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <new>
 
 #include "tavronet/platform/AsyncSocketDelivery.h"
 #include "tavronet/platform/LastError.h"
@@ -139,8 +140,14 @@ BOOL CAsyncSocket::Attach(SOCKET handle, LONG events)
 // Takes a non-blocking descriptor in. @return 0 with the last error, the descriptor then stays the caller's.
 BOOL CAsyncSocket::AdoptHandle(int descriptor, LONG events, UINT state)
 {
-    ThreadQueue queue = CurrentThreadQueue();
-    const std::uint64_t id = queue->Register(*this, descriptor);
+    ThreadQueue queue;
+    std::uint64_t id = 0;
+    try {
+        queue = CurrentThreadQueue();
+        id = queue->Register(*this, descriptor);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
     if (id == 0) {
         tavronet::SetLastErrorFromErrno();
         return 0;
@@ -178,6 +185,8 @@ void CAsyncSocket::Close()
 SOCKET CAsyncSocket::ReleaseHandle(bool stayingOpen)
 {
     const SOCKET handle = m_hSocket;
+    if (m_State & State::LookingUp)
+        tavronet::NameLookup::Abandon(*this);
     if (m_Id != 0) {
         m_pQueue->Unregister(m_Id, stayingOpen ? static_cast<int>(handle) : -1);
         tavronet::g_LivingSockets.fetch_sub(1, std::memory_order_relaxed);

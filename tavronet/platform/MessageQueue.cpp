@@ -72,9 +72,16 @@ MessageQueue::~MessageQueue()
 
 void MessageQueue::Post(void (*call)(void*), void* argument, void (*discard)(void*))
 {
+    PostedCalls calls;
+    calls.push_back({call, argument, discard});
+    Post(std::move(calls));
+}
+
+void MessageQueue::Post(PostedCalls calls) noexcept
+{
     const std::lock_guard lock(m_PostLock);
-    m_Posts.push_back({call, argument, discard});
-    ++m_PostsPushed;
+    m_PostsPushed += calls.size();
+    m_Posts.splice(m_Posts.end(), calls);
     m_PostCount.store(m_Posts.size(), std::memory_order_release);
     RaiseWaker();
 }

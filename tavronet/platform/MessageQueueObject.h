@@ -3,7 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <vector>
 
@@ -29,13 +29,24 @@ public:
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
+    struct PostedCall
+    {
+        void (*call)(void*);
+        void* argument;
+        void (*discard)(void*);
+    };
+    using PostedCalls = std::list<PostedCall>;
+
     /// Any thread. Has `call(argument)` run by a later round, or `discard(argument)`, if given, when the queue ends
     /// before that.
     void Post(void (*call)(void*), void* argument, void (*discard)(void*) = nullptr);
+    /// The same for calls made beforehand, which cannot fail.
+    void Post(PostedCalls calls) noexcept;
     /// Any thread. Ends the owner's Block in progress, or its next one.
     void Wake();
 
-    /// Watches a socket's descriptor from now on. @return its id, 0 with errno when the system refuses.
+    /// Watches a socket's descriptor from now on. @return its id, 0 with errno when the system refuses. Throws
+    /// std::bad_alloc with nothing changed.
     std::uint64_t Register(CAsyncSocket& socket, int descriptor);
     /// Forgets the id; entries that name it are skipped. @param stayingOpen the descriptor, or -1 when it is
     /// about to be closed, which ends the watch by itself.
@@ -82,12 +93,6 @@ private:
         std::uint32_t due : 1 = 0; // in the list of what is due, where it stays although the socket has gone
         std::uint32_t next = kNoSlot; // in that list, or in the list of free slots
     };
-    struct PostedCall
-    {
-        void (*call)(void*);
-        void* argument;
-        void (*discard)(void*);
-    };
     class DispatchScope;
 
     std::uint32_t TakeDue();
@@ -113,7 +118,7 @@ private:
     std::uint64_t m_DueTaken = 0;
 
     std::mutex m_PostLock; // guards the next four
-    std::deque<PostedCall> m_Posts;
+    PostedCalls m_Posts;
     std::uint64_t m_PostsPushed = 0;
     std::uint64_t m_PostsTaken = 0;
     bool m_Woken = false; // the waker is raised

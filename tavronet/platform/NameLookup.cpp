@@ -2,12 +2,14 @@
 
 #include <netdb.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "tavronet/platform/AsyncSocketDelivery.h"
 #include "tavronet/platform/LastError.h"
@@ -19,7 +21,9 @@ namespace tavronet
 namespace
 {
 
-constexpr std::size_t kMaxRunning = 4;
+// As many as the C library runs at once. Gateways that have given no description yet, 16 at most, cannot take all of
+// them with names that nobody answers for.
+constexpr std::size_t kMaxRunning = 20;
 constexpr std::size_t kMaxWaiting = 256;
 
 } // namespace
@@ -33,6 +37,8 @@ struct NameLookup::Request
     gaicb control{};
     std::weak_ptr<MessageQueue> queue; // gone when the thread has ended and its sockets are closed
     std::uint64_t socketId = 0;
+    MessageQueue::PostedCalls
+        outcome; // made beforehand: where it is posted nobody could be told of a failure
 
     ~Request()
     {
@@ -80,6 +86,8 @@ bool NameLookup::Start(CAsyncSocket& socket, const char* host, UINT port)
     request->control.ar_request = &request->hints;
     request->queue = socket.m_pQueue;
     request->socketId = socket.m_Id;
+    request->outcome.push_back(
+        {&NameLookup::GoOn, request.get(), [](void* unread) { delete static_cast<Request*>(unread); }});
 
     Line& line = Line::Instance();
     {
@@ -87,13 +95,29 @@ bool NameLookup::Start(CAsyncSocket& socket, const char* host, UINT port)
         if (line.running >= kMaxRunning) {
             if (line.waiting.size() >= kMaxWaiting)
                 return false;
-            line.waiting.push_back(request.release());
+            line.waiting.push_back(request.get());
+            (void)request.release();
             return true;
         }
         ++line.running;
     }
     Begin(request.release());
     return true;
+}
+
+void NameLookup::Abandon(const CAsyncSocket& socket)
+{
+    std::unique_ptr<Request> abandoned; // freed outside the lock
+    Line& line = Line::Instance();
+    const std::lock_guard lock(line.lock);
+    const auto isItsOwn = [&socket](const Request* request) {
+        return request->socketId == socket.m_Id && request->queue.lock() == socket.m_pQueue;
+    };
+    const auto found = std::ranges::find_if(line.waiting, isItsOwn);
+    if (found != line.waiting.end()) {
+        abandoned.reset(*found);
+        line.waiting.erase(found);
+    }
 }
 
 void NameLookup::Begin(Request* request)
@@ -120,8 +144,9 @@ void NameLookup::Ended(Request* request)
             line.waiting.pop_front();
         }
     }
+    MessageQueue::PostedCalls outcome = std::move(request->outcome);
     if (const ThreadQueue queue = request->queue.lock())
-        queue->Post(&NameLookup::GoOn, request, [](void* unread) { delete static_cast<Request*>(unread); });
+        queue->Post(std::move(outcome));
     else
         delete request;
     if (next != nullptr)
