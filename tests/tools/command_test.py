@@ -103,7 +103,7 @@ class Command(GatewayCase):
                 ("--no-ssdp", NO_GATEWAY, "within 0.3 s", "add 8080 --timeout 0.3"),
                 ("--description one-line", NO_GATEWAY, "no usable gateway", "status --classic --timeout 0.5"),
                 ("--location http://10.77.1.1:99999/", NO_GATEWAY, "no description", "status --timeout 2"),
-                ("--close-early soap:20", FAILED, "did not tell", "status", "list", "add 80", "delete 80"),
+                ("--close-early soap:20", FAILED, "did not answer", "status", "list", "add 80", "delete 80"),
                 ("--lowest-port 1024", FAILED, "UPnP error 606 ", "add 80", "add-range 80 2"),
                 ("--refuse 6000:718", FAILED, "UPnP error 718 ConflictInMappingEntry", "add 6000"),
                 ("--capacity 0", FAILED, "UPnP error 501 ", "add 7000"),

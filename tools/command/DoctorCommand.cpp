@@ -103,8 +103,8 @@ private:
         Tell("service", State::Ok, "it maps ports by " + facts["service"].get<std::string>());
 
         CString address;
-        if (!gateway.GetExternalIPAddress(m_hInterrupt, address) || gateway.GetCmndRespCode() != 200) {
-            const Failure failure = session.NoAnswer("its external address");
+        if (!gateway.GetExternalIPAddress(m_hInterrupt, address) || gateway.GetCmndRespCode() != kAccepted) {
+            const Failure failure = session.NoAnswer("to tell its external address");
             Tell("control", State::Failed, failure.message, failure.advice.empty() ? "" : failure.advice[0]);
             return failure.code;
         }

@@ -12,8 +12,6 @@ namespace command
 namespace
 {
 
-constexpr int kAccepted = 200; // HTTP
-
 CUPnPPortMap RequestedMapping(const Options& options, const CUPnPDevice& gateway)
 {
     const std::string client =
@@ -33,29 +31,19 @@ CUPnPPortMap RequestedMapping(const Options& options, const CUPnPDevice& gateway
             std::to_string(options.leaseSeconds).c_str()};
 }
 
-std::string PortText(const Options& options)
-{
-    return options.protocol + " port " + std::to_string(options.port);
-}
-
 } // namespace
 
 int RunAdd(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
-
-    CUPnPPortMap mapping = RequestedMapping(options, *gateway);
-    if (!gateway->AddPortMap(interrupt, &mapping))
-        return output.Fail(session.NoAnswer("whether it mapped " + PortText(options)));
-    if (!mapping.GetAdded())
-        return output.Fail(Refusal("to map " + PortText(options), *gateway));
+    CUPnPDevice& gateway = session.NeedGateway();
+    CUPnPPortMap mapping = RequestedMapping(options, gateway);
+    const std::string port = PortText(options.protocol, options.port);
+    session.NeedAccepted("to map " + port, gateway.AddPortMap(interrupt, &mapping), gateway);
 
     Json result = {{"result", UPnPSuccess}};
     result.update(MappingFacts(mapping));
-    result["gateway"] = GatewayFacts(*gateway);
+    result["gateway"] = GatewayFacts(gateway);
     output.Value(result);
     output.Line("mapped " + MappingLine(result));
     return UPnPSuccess;
@@ -64,17 +52,13 @@ int RunAdd(const Options& options, const Output& output, HANDLE interrupt)
 int RunDelete(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
-
-    if (!gateway->DeletePortMap(interrupt, options.port, options.protocol.c_str()))
-        return output.Fail(session.NoAnswer("whether it deleted " + PortText(options)));
-    if (gateway->GetCmndRespCode() != kAccepted)
-        return output.Fail(Refusal("to delete " + PortText(options), *gateway));
+    CUPnPDevice& gateway = session.NeedGateway();
+    const std::string port = PortText(options.protocol, options.port);
+    const bool answered = gateway.DeletePortMap(interrupt, options.port, options.protocol.c_str());
+    session.NeedAccepted("to delete " + port, answered, gateway);
 
     output.Value({{"result", UPnPSuccess}, {"protocol", options.protocol}, {"external_port", options.port}});
-    output.Line("deleted " + PortText(options));
+    output.Line("deleted " + port);
     return UPnPSuccess;
 }
 

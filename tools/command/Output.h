@@ -11,7 +11,7 @@ namespace command
 
 using Json = nlohmann::ordered_json;
 
-/// Why a command did not do its work, and what might help.
+/// Why a command did not do its work, and what might help. Commands return its code, or throw it for `main` to tell.
 struct Failure
 {
     int code = 0; // of the flat interface

@@ -80,7 +80,7 @@ int RunDiscover(const Options& options, const Output& output, HANDLE interrupt)
     Session session(options, output, interrupt);
     const Json found = DiscoverAll(session, options, output);
     if (found.empty() || session.Interrupted())
-        return output.Fail(session.WhyNone());
+        throw session.WhyNone();
     output.Value(found);
     return UPnPSuccess;
 }
@@ -88,21 +88,16 @@ int RunDiscover(const Options& options, const Output& output, HANDLE interrupt)
 int RunStatus(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
-
-    Json facts = GatewayFacts(*gateway);
+    CUPnPDevice& gateway = session.NeedGateway();
     CString address;
-    if (!gateway->GetExternalIPAddress(interrupt, address))
-        return output.Fail(session.NoAnswer("its external address"));
-    if (gateway->GetCmndRespCode() != 200)
-        return output.Fail(Refusal("to tell its external address", *gateway));
+    session.NeedAccepted("to tell its external address", gateway.GetExternalIPAddress(interrupt, address),
+                         gateway);
+    Json facts = GatewayFacts(gateway);
     facts["external_address"] = CStringA(address).GetString();
 
     // Not every gateway has this action: no reason to fail.
     bool translates = false;
-    const bool told = gateway->GetNATEnabled(interrupt, translates) && gateway->GetCmndRespCode() == 200;
+    const bool told = gateway.GetNATEnabled(interrupt, translates) && gateway.GetCmndRespCode() == kAccepted;
     facts["nat_enabled"] = told ? Json(translates) : Json();
 
     output.Value(facts);
@@ -115,13 +110,10 @@ int RunStatus(const Options& options, const Output& output, HANDLE interrupt)
 int RunList(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
-
-    const Json mappings = ReadMappings(*gateway, interrupt);
+    CUPnPDevice& gateway = session.NeedGateway();
+    const Json mappings = ReadMappings(gateway, interrupt);
     if (mappings.is_null())
-        return output.Fail(session.NoAnswer("its table"));
+        throw session.NoAnswer("to list its mappings");
 
     output.Value(mappings);
     if (mappings.empty())

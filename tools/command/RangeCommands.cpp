@@ -16,15 +16,9 @@ namespace command
 namespace
 {
 
-constexpr int kAccepted = 200; // HTTP
 constexpr unsigned kHighestPort = 65535;
 
 using PortMapList = std::vector<CUPnPPortMap*>;
-
-std::string PortText(const Options& options, unsigned port)
-{
-    return options.protocol + " port " + std::to_string(port);
-}
 
 std::string RangeText(const Options& options)
 {
@@ -89,7 +83,7 @@ Failure WhyNotAdded(const Options& options, const PortMapList& list, const std::
 {
     const auto added = std::ranges::count_if(list, &CUPnPPortMap::GetAdded);
     if (session.Interrupted() || !list.empty()) {
-        Failure failure = session.NoAnswer("whether it mapped " + RangeText(options));
+        Failure failure = session.NoAnswer("to map " + RangeText(options));
         if (added > 0)
             failure.advice.insert(failure.advice.begin(),
                                   "tavronet delete-range " + std::to_string(list.front()->ExternalPort()) +
@@ -110,21 +104,19 @@ Failure WhyNotAdded(const Options& options, const PortMapList& list, const std::
 int RunAddRange(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
+    CUPnPDevice& gateway = session.NeedGateway();
 
     OwnedMappings list;
     std::optional<Failure> refusal;
     bool added = false;
     {
-        const RangeWatch watch(options, output, list.records, *gateway);
-        added = gateway->AddPortMaps(interrupt, options.port, options.count, options.description.c_str(),
-                                     list.records, options.protocol.c_str());
+        const RangeWatch watch(options, output, list.records, gateway);
+        added = gateway.AddPortMaps(interrupt, options.port, options.count, options.description.c_str(),
+                                    list.records, options.protocol.c_str());
         refusal = watch.WhyRefused();
     }
     if (!added)
-        return output.Fail(WhyNotAdded(options, list.records, refusal, session));
+        throw WhyNotAdded(options, list.records, refusal, session);
 
     Json mappings = Json::array();
     for (const CUPnPPortMap* const mapping : list.records) {
@@ -136,16 +128,14 @@ int RunAddRange(const Options& options, const Output& output, HANDLE interrupt)
                   {"first_port", list.records.front()->ExternalPort()},
                   {"count", options.count},
                   {"mappings", mappings},
-                  {"gateway", GatewayFacts(*gateway)}});
+                  {"gateway", GatewayFacts(gateway)}});
     return UPnPSuccess;
 }
 
 int RunDeleteRange(const Options& options, const Output& output, HANDLE interrupt)
 {
     Session session(options, output, interrupt);
-    CUPnPDevice* const gateway = session.AwaitGateway();
-    if (gateway == nullptr)
-        return output.Fail(session.WhyNone());
+    CUPnPDevice& gateway = session.NeedGateway();
 
     std::optional<Failure> failure; // the first
     Json deleted = Json::array();
@@ -154,16 +144,16 @@ int RunDeleteRange(const Options& options, const Output& output, HANDLE interrup
         ProgressBar bar(output, "Deleting", options.count);
         for (unsigned port = options.port; port < end; ++port) {
             bar.Show(port - options.port);
-            if (!gateway->DeletePortMap(interrupt, port, options.protocol.c_str())) {
-                failure = session.NoAnswer("whether it deleted " + PortText(options, port));
+            if (!gateway.DeletePortMap(interrupt, port, options.protocol.c_str())) {
+                failure = session.NoAnswer("to delete " + PortText(options.protocol, port));
                 break; // the others would take 10 s each
             }
-            if (gateway->GetCmndRespCode() == kAccepted) {
+            if (gateway.GetCmndRespCode() == kAccepted) {
                 deleted.push_back(port);
                 bar.Hide();
-                output.Line("deleted " + PortText(options, port));
+                output.Line("deleted " + PortText(options.protocol, port));
             } else if (!failure) {
-                failure = Refusal("to delete " + PortText(options, port), *gateway);
+                failure = Refusal("to delete " + PortText(options.protocol, port), gateway);
             }
         }
     }
@@ -172,7 +162,7 @@ int RunDeleteRange(const Options& options, const Output& output, HANDLE interrup
     if (failure) {
         failure->message += "; " + std::to_string(deleted.size()) + " of " + std::to_string(options.count) +
                             " ports were deleted";
-        return output.Fail(*failure);
+        throw *failure;
     }
     output.Value({{"result", UPnPSuccess},
                   {"protocol", options.protocol},

@@ -118,6 +118,11 @@ std::string MappingLine(const Json& mapping)
            Text(mapping, "description") + ")" + (mapping.at("enabled") ? "" : ", switched off");
 }
 
+std::string PortText(const std::string& protocol, unsigned port)
+{
+    return protocol + " port " + std::to_string(port);
+}
+
 std::vector<std::string> MappingTable(const Json& mappings)
 {
     std::vector<std::vector<std::string>> rows{

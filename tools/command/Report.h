@@ -11,6 +11,8 @@ class CUPnPPortMap;
 namespace command
 {
 
+constexpr int kAccepted = 200; // HTTP
+
 /// The stable field names of the JSON output; the text output is made from the same values.
 Json GatewayFacts(CUPnPDevice& gateway);
 Json MappingFacts(const CUPnPPortMap& mapping);
@@ -20,6 +22,9 @@ std::string GatewayLine(const Json& gateway);
 
 /// "TCP 8080 -> 192.168.1.100:8080 (game)", fit for a terminal.
 std::string MappingLine(const Json& mapping);
+
+/// "TCP port 8080".
+std::string PortText(const std::string& protocol, unsigned port);
 
 /// A heading and a line for each mapping, aligned.
 std::vector<std::string> MappingTable(const Json& mappings);

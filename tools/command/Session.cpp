@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "HostNetwork.h"
+#include "Report.h"
 
 #include <tavronet/tavronet.h>
 
@@ -121,6 +122,14 @@ CUPnPDevice* Session::AwaitGateway()
     return preferred != nullptr && !chosen ? preferred : gateways.front();
 }
 
+CUPnPDevice& Session::NeedGateway()
+{
+    CUPnPDevice* const gateway = AwaitGateway();
+    if (gateway == nullptr)
+        throw WhyNone();
+    return *gateway;
+}
+
 bool Session::Pump(const std::function<bool()>& done, DWORD timeoutMs, const char* doing)
 {
     const ProgressLine progress(m_Output);
@@ -184,10 +193,18 @@ Failure Session::NoAnswer(const std::string& what) const
         return {.code = UPnPCancelled, .message = "interrupted"};
     const bool inTime = ElapsedMs(GetTickCount(), m_FoundTick) < kExchangeMs;
     return {.code = UPnPFailed,
-            .message = "the gateway did not tell " + what + ": " +
+            .message = "the gateway did not answer when asked " + what + ": " +
                        (inTime ? "the connection failed, or was closed without an answer that could be read"
                                : "no answer within 10 s, or none that could be read"),
             .advice = {"the same again; `tavronet doctor` shows what works"}};
+}
+
+void Session::NeedAccepted(const std::string& what, bool answered, const CUPnPDevice& gateway) const
+{
+    if (!answered)
+        throw NoAnswer(what);
+    if (gateway.GetCmndRespCode() != kAccepted)
+        throw Refusal(what, gateway);
 }
 
 Failure Session::WhyNone() const

@@ -31,6 +31,8 @@ public:
     /// Waits until there is one, for the time that the options give.
     /// @return the first, one reached by IPv4 before others; null when there is none
     CUPnPDevice* AwaitGateway();
+    /// The same for commands that are nothing without one. @throw Failure why there is none
+    CUPnPDevice& NeedGateway();
 
     /// Dispatches what arrives and runs the upkeep until `done` holds, asked after each step.
     /// @return false when the time is over first, or the command was interrupted
@@ -43,8 +45,11 @@ public:
     [[nodiscard]] Failure WhyNone() const;
 
     /// The gateway gave no answer in time, or none that could be read.
-    /// @param what "its external address"
+    /// @param what "to map TCP port 8080"
     [[nodiscard]] Failure NoAnswer(const std::string& what) const;
+    /// For commands that end with an operation that failed.
+    /// @param answered what the operation returned  @throw Failure when that is false, or the gateway refused
+    void NeedAccepted(const std::string& what, bool answered, const CUPnPDevice& gateway) const;
 
     /// Devices that answered but are no such gateway: URL and why not.
     struct Misfit
@@ -65,8 +70,8 @@ private:
     const HANDLE m_hInterrupt; // main's
     std::unique_ptr<CUPnPNetwork> m_pNetwork;
     DWORD m_TickleTick = 0;
-    DWORD m_FoundTick = 0;        // when AwaitGateway was over: only exchanges have taken time since
-    std::string m_UndescribedURL; // of a device that the upkeep may have dropped since
+    DWORD m_FoundTick = 0;                // when AwaitGateway was over: only exchanges have taken time since
+    std::string m_UndescribedURL;         // of a device that the upkeep may have dropped since
     bool m_DescriptionUnreadable = false; // of the URL that the options name
 };
 

@@ -105,7 +105,8 @@ private:
     void CompareAddress(CUPnPDevice& gateway, Known& known)
     {
         CString address;
-        if (!gateway.GetExternalIPAddress(m_Session.Interrupt(), address) || gateway.GetCmndRespCode() != 200)
+        if (!gateway.GetExternalIPAddress(m_Session.Interrupt(), address) ||
+            gateway.GetCmndRespCode() != kAccepted)
             return;
         const std::string now = CStringA(address).GetString();
         if (now != std::exchange(known.externalAddress, now))

@@ -16,6 +16,8 @@ int main(int argc, char** argv)
     const command::InterruptEvent interrupt; // before anything else starts a thread
     try {
         return options->run(*options, output, interrupt.Get());
+    } catch (const command::Failure& failure) {
+        return output.Fail(failure);
     } catch (CException* exception) {
         exception->Delete();
         return output.Fail({.code = UPnPException, .message = "memory is exhausted"});
