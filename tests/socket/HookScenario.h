@@ -1,13 +1,10 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <utility>
+#include <map>
 
 #include "ScriptedSocket.h"
 #include "tavronet/platform/MessageQueue.h"
+#include "tavronet/platform/TestSeams.h"
 
 /// A socket that meets an action once, and the host around it.
 template <typename Socket>
@@ -19,6 +16,8 @@ public:
 
     HookScenario(const std::string& hook, const std::string& action, bool after) : m_Guard(*socket)
     {
+        if constexpr (requires { socket->SetDeleteWhenDone(true); })
+            socket->SetDeleteWhenDone(true);
         socket->around = [this, hook, action, after](const std::string& nowHook, bool nowAfter) {
             if (nowHook == hook && nowAfter == after && !std::exchange(m_Acted, true))
                 Act(action);
@@ -31,18 +30,29 @@ public:
         };
     }
 
+    /// What a host does, and its message loop; only the action throws.
     void RunToTheEnd()
     {
-        Try([this] { socket->Send("queued"); });
-        peer.Writes(OnTheWire("part one"));
-        Try([] {});
-        peer.Writes(OnTheWire("part two"));
-        Try([this] { socket->Send(Bulk().c_str()); });
-        while (!peer.ReadsWaiting().empty())
-            Try([] {});
-        peer.Writes(LastBytes());
-        peer.Closes();
-        Try([] {});
+        static const std::string bulk = Noise(500'000); // more than the system takes at once
+        const std::function<void()> steps[] = {
+            [this] { socket->Send("queued"); },
+            [this] { peer.Writes(OnTheWire("part one")); },
+            [this] { peer.Writes(OnTheWire("part two")), socket->Send(bulk.c_str()); },
+            [this] {
+                while (!peer.ReadsWaiting().empty())
+                    tavronet::PumpUntilQuiet();
+            },
+            [this] { peer.Writes(LastBytes()), peer.Closes(); },
+        };
+        for (const auto& step : steps) {
+            try {
+                if (m_Guard.Alive())
+                    step();
+                tavronet::PumpUntilQuiet();
+            } catch (const int&) {
+                tavronet::PumpUntilQuiet();
+            }
+        }
         EXPECT_TRUE(m_Acted) << "the scenario never came to this hook";
     }
 
@@ -55,7 +65,6 @@ public:
         delete[] socket->GetSendBuffer();
         socket->ClearSendBuffer();
         socket->ReleaseReceiveBuffer();
-        m_Consumed.clear();
         this->Connect();
         StartStreams();
         socket->Send("again");
@@ -63,7 +72,7 @@ public:
         EXPECT_TRUE(tavronet::PumpUntil([&] { return (got += Plain(peer.ReadsWaiting())) == "again"; }))
             << got;
         peer.Writes(OnTheWire("answer."));
-        EXPECT_TRUE(tavronet::PumpUntil([this] { return m_Consumed == "answer"; })) << m_Consumed;
+        EXPECT_TRUE(tavronet::PumpUntil([this] { return m_Consumed.ends_with("answer"); })) << m_Consumed;
     }
 
 protected:
@@ -75,61 +84,47 @@ protected:
 
     virtual void Act(const std::string& action)
     {
-        if (action == "delete")
-            socket.reset();
-        if (action == "close" || action == "renew")
-            socket->Close();
-        if (action == "renew")
-            this->Connect();
-        if (action == "attach") // the same connection, another life of its handle
-            socket->CAsyncSocket::Attach(socket->Detach(), FD_ALL);
-        if (action == "notify")
-            socket->OnSend(0);
-        if (action == "select") {
-            socket->SetOkayToSend(false);
-            socket->AsyncSelect();
-            socket->RequestRead();
-        }
-        if (action == "send")
-            socket->Send("nested");
-        if (action == "receive")
-            socket->OnReceive(0);
-        if (action == "release")
-            socket->ReleaseReceiveBuffer();
-        if (action == "pump")
-            DispatchPending();
-        if (action == "throw")
-            throw 1;
+        const std::map<std::string, std::function<void()>> actions = {
+            {"delete", [this] { socket.reset(); }},
+            {"close", [this] { socket->Close(); }},
+            {"renew", [this] { socket->Close(), this->Connect(); }},
+            {"attach", [this] { socket->CAsyncSocket::Attach(socket->Detach(), FD_ALL); }},
+            {"send", [this] { socket->Send("nested"); }},
+            {"receive", [this] { socket->OnReceive(0); }},
+            {"release", [this] { socket->ReleaseReceiveBuffer(); }},
+            {"pump", DispatchPending},
+            {"throw", [] { throw 1; }},
+            {"gates",
+             [this] {
+                 socket->SetOkayToSend(false);
+                 socket->AsyncSelect();
+                 if constexpr (requires { socket->PauseReceive(true); })
+                     socket->PauseReceive(true), socket->PauseReceive(false);
+             }},
+            {"streams", [this] { StartStreams(); }},
+        };
+        actions.at(action)();
     }
 
 private:
-    /// More than the system takes at once, also when deflated.
-    static const std::string& Bulk()
-    {
-        static const std::string bulk = [] {
-            std::string made(500'000, ' ');
-            unsigned seed = 1;
-            for (char& c : made)
-                c = static_cast<char>('!' + (seed = seed * 1103515245 + 12345) / 65536 % 90);
-            return made;
-        }();
-        return bulk;
-    }
-
-    /// What a host does around a call and in its message loop; only the action throws.
-    void Try(const std::function<void()>& call)
-    {
-        for (const auto& step : {call, std::function<void()>(tavronet::PumpUntilQuiet)}) {
-            try {
-                if (m_Guard.Alive())
-                    step();
-            } catch (const int&) {
-                tavronet::PumpUntilQuiet();
-            }
-        }
-    }
-
     tavronet::LifetimeGuard m_Guard;
     bool m_Acted = false;
     std::string m_Consumed;
 };
+
+/// Has a scenario meet every action before and after the base's part of a hook.
+template <typename Scenario>
+void MeetEvery(std::initializer_list<const char*> actions, const std::string& hook)
+{
+    for (const char* action : actions) {
+        for (const bool after : {false, true}) {
+            SCOPED_TRACE(std::string(action) + (after ? " after the base's part" : " before"));
+            {
+                Scenario scenario(hook, action, after);
+                scenario.RunToTheEnd();
+                scenario.ExpectWholeOrGone();
+            }
+            EXPECT_EQ(tavronet::CountLivingObjects().sockets, 0);
+        }
+    }
+}

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <functional>
+#include <random>
 #include <string>
 #include <type_traits>
 
@@ -51,14 +55,8 @@ public:
     using Base::TakeReceiveBuffer;
     using Base::TakeSendChunk;
 
-    template <typename Text>
-    int Send(const Text& text)
-    {
-        return Base::Send(text);
-    }
+    int Send(const auto& text) { return Base::Send(text); }
     int BaseSend(unsigned char* data, int length) { return Base::Send(data, length, 0); }
-    int BaseSendData(unsigned char* data, int length) { return Base::SendData(data, length, 0); }
-    bool GateIsOpen() { return Base::OkayToSend(); }
     void Renew()
     {
         this->Close();
@@ -67,10 +65,7 @@ public:
 
     [[nodiscard]] std::string Queued() const { return Text(GetSendBuffer(), GetSendBufferSize()); }
     [[nodiscard]] std::string Held() const { return Text(GetReceiveBuffer(), GetReceiveBufferSize()); }
-    static std::string Text(const unsigned char* bytes, int length)
-    {
-        return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
-    }
+    static std::string Text(const unsigned char* bytes, int length) { return {bytes, bytes + length}; }
 
 protected:
     template <typename Result, typename Call>
@@ -82,19 +77,18 @@ protected:
                 told(hook, after);
             return guard.Alive();
         };
-        if (!tell(false))
-            return Result();
         if constexpr (std::is_void_v<Result>) {
-            call();
+            if (tell(false))
+                call();
             tell(true);
         } else {
-            const Result result = call();
+            const Result result = tell(false) ? call() : Result();
             return tell(true) ? result : Result();
         }
     }
 };
 
-/// The same with those two.
+/// The same with those two; it takes none of the short roads.
 template <typename Base>
 class ScriptedSocketOf : public ScriptedHooks<Base>
 {
@@ -106,7 +100,15 @@ public:
 };
 
 using ScriptedSocket = ScriptedSocketOf<CTavroSocket>;
-using Pair = tavronet::LoopbackPair<ScriptedSocket>;
+
+/// Text that deflating hardly shortens, always the same.
+inline std::string Noise(std::size_t length)
+{
+    std::string noise(length, '\0');
+    std::minstd_rand random(7);
+    std::ranges::generate(noise, [&] { return static_cast<char>('!' + random() % 90); });
+    return noise;
+}
 
 /// What SendData or ReceiveData answers.
 struct Answer
