@@ -2,14 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-#include <functional>
 #include <map>
-#include <string>
-#include <utility>
+#include <source_location>
 
 #include "tavronet/platform/LastError.h"
-#include "tavronet/platform/MessageQueue.h"
 #include "tavronet/platform/Wait.h"
 #include "tests/support/PlainSocket.h"
 
@@ -22,18 +18,16 @@ public:
     using CAsyncSocket::ReceiveFromHelper;
     using CAsyncSocket::WaitingBytes;
 
-    explicit RecordingSocket(std::string* log = nullptr) : m_pLog(log != nullptr ? log : &m_Log) {}
+    /// @param log what has been told, "CONNECT WRITE READ CLOSE(10054)"; outlives the socket.
+    explicit RecordingSocket(std::string& log) : m_Log(log) {}
 
-    /// "CONNECT WRITE READ" or "CLOSE(10054)"; cleared by reading it.
-    std::string TakeLog() { return std::exchange(*m_pLog, {}); }
-
-    /// Receives up to `most` bytes in one call; "" when nothing is there.
+    /// One receive: the text, "end" at the end of the stream, or the error's number.
     std::string ReceiveText(int most = 1000)
     {
-        std::string text(static_cast<std::size_t>(most), '\0');
-        const int got = Receive(text.data(), most);
-        text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return text;
+        char text[1000];
+        const int got = Receive(text, most);
+        const std::string failure = got == 0 ? "end" : std::to_string(WSAGetLastError());
+        return got > 0 ? std::string(text, static_cast<std::size_t>(got)) : failure;
     }
 
     std::map<LONG, std::function<void()>> onNotification;
@@ -47,18 +41,23 @@ protected:
     void OnClose(int error) override { Note("CLOSE", FD_CLOSE, error); }
 
 private:
-    void Note(const char* name, LONG kind, int error)
+    void Note(const std::string& name, LONG kind, int error)
     {
-        *m_pLog += m_pLog->empty() ? "" : " ";
-        *m_pLog += name;
-        if (error != 0)
-            *m_pLog += "(" + std::to_string(error) + ")";
-        if (const auto action = onNotification.find(kind); action != onNotification.end()) {
-            const auto run = action->second; // the action may destroy this socket
-            run();
-        }
+        m_Log += (m_Log.empty() ? "" : " ") + name + (error != 0 ? "(" + std::to_string(error) + ")" : "");
+        if (const auto action = onNotification[kind]) // a copy: it may destroy this socket
+            action();
     }
 
-    std::string m_Log;
-    std::string* m_pLog;
+    std::string& m_Log;
 };
+
+/// Does the deed, and expects these notifications to follow, and no others.
+inline void ExpectTold(std::string& log, const std::string& told, const std::function<void()>& deed = {},
+                       std::source_location where = std::source_location::current())
+{
+    if (deed)
+        deed();
+    PumpUntil([&] { return log.size() >= told.size(); });
+    PumpUntilQuiet();
+    EXPECT_EQ(std::exchange(log, {}), told) << "line " << where.line();
+}
