@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <source_location>
 
 #include "tavronet/platform/LastError.h"
 #include "tavronet/platform/Wait.h"
@@ -53,11 +52,11 @@ private:
 
 /// Does the deed, and expects these notifications to follow, and no others.
 inline void ExpectTold(std::string& log, const std::string& told, const std::function<void()>& deed = {},
-                       std::source_location where = std::source_location::current())
+                       int line = __builtin_LINE())
 {
     if (deed)
         deed();
     PumpUntil([&] { return log.size() >= told.size(); });
     PumpUntilQuiet();
-    EXPECT_EQ(std::exchange(log, {}), told) << "line " << where.line();
+    EXPECT_EQ(std::exchange(log, {}), told) << "line " << line;
 }
