@@ -108,7 +108,7 @@ TEST_P(Gateways, AreServedFromTheSearchToTheDeletion)
     EXPECT_TRUE(device->GetNATEnabled(nullptr, translates));
     EXPECT_TRUE(translates);
 
-    const std::string text = kind.dialect == UPnPDialectModern ? "a game & <more>" : "a game";
+    const std::string text = kind.dialect == UPnPDialectModern ? "a game &amp; <more>" : "a game";
     CUPnPPortMap ofAnother(6000, "TCP", "10.77.1.99", "taken");
     ASSERT_TRUE(device->AddPortMap(nullptr, &ofAnother));
     EXPECT_TRUE(ofAnother.GetAdded());
