@@ -119,8 +119,7 @@ private:
 struct HostileClient
 {
     explicit HostileClient(int dialect, const std::string& serverHost = "127.0.0.1")
-        : server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), serverHost),
-          network(&OnEvent, this, dialect, false)
+        : server(serverHost), network(&OnEvent, this, dialect, false)
     {
     }
     static void OnEvent(void* raw, unsigned int code, CUPnPObject*)

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <map>
 #include <memory>
-#include <string>
-#include <vector>
+#include <set>
 
 #include "ScriptedServer.h"
 #include "tavronet/platform/InterfaceTables.h"
@@ -13,6 +13,7 @@
 #include "tavronet/upnp/UPnPService.h"
 
 inline constexpr const char* kConnectionService = "urn:schemas-upnp-org:service:WANIPConnection:1";
+inline constexpr const char* kOtherService = "urn:schemas-upnp-org:service:WANCommonInterfaceConfig:1";
 inline constexpr const char* kGatewayType = "urn:schemas-upnp-org:device:InternetGatewayDevice:1";
 
 inline std::string Text(const CString& wide)
@@ -25,10 +26,7 @@ struct NoAdapters
 {
     NoAdapters()
     {
-        tavronet::SetInterfaceTableSource([](int, std::vector<tavronet::InterfaceEntry>& interfaces) {
-            interfaces.clear();
-            return tavronet::InterfaceQuery::Done;
-        });
+        tavronet::SetInterfaceTableSource([](int, auto&) { return tavronet::InterfaceQuery::NoLibrary; });
     }
     ~NoAdapters() { tavronet::SetInterfaceTableSource(nullptr); }
 };
@@ -47,13 +45,6 @@ struct TestClock
     inline static DWORD s_Now = 0;
 };
 
-/// A wait hook: ten seconds pass, and a message has the wait look at the clock.
-inline void TheTimePasses(void*)
-{
-    TestClock::Advance(10000);
-    InTheWait([] {});
-}
-
 struct Announced
 {
     std::string localAddress = "127.0.0.1", source = "127.0.0.1", location = "";
@@ -65,37 +56,106 @@ struct Announced
 inline CUPnPDevice* MakeRecord(CUPnPNetwork* network, const Announced& announced)
 {
     std::string datagram =
-        (announced.nts.empty() ? "HTTP/1.1 200 OK" : "NOTIFY * HTTP/1.1\r\nNTS: " + announced.nts) +
-        "\r\nLOCATION: " + announced.location + "\r\nCACHE-CONTROL: " + announced.cacheControl +
-        "\r\nUSN: " + announced.usn + "\r\n\r\n";
+        "NOTIFY * HTTP/1.1\r\nNTS: " + announced.nts + "\r\nLOCATION: " + announced.location +
+        "\r\nCACHE-CONTROL: " + announced.cacheControl + "\r\nUSN: " + announced.usn + "\r\n\r\n";
     auto record = std::make_unique<CUPnPDevice>(nullptr, network);
     record->Init(announced.localAddress.c_str(), announced.source.c_str(), 1900, datagram.data());
     return record.release();
 }
 
-/// A description with a tag a line: a root with one embedded device that holds the connection service.
+using PortMapList = std::vector<CUPnPPortMap*>;
+
+inline PortMapList Records(const std::vector<unsigned>& ports)
+{
+    PortMapList records;
+    for (const unsigned port : ports)
+        records.push_back(new CUPnPPortMap(port, "TCP", "127.0.0.1", "x"));
+    return records;
+}
+
+/// A description with a tag a line: a root with one embedded device that holds the connection service and another.
 inline std::string Description()
 {
+    const auto service = [](const std::string& type, const std::string& control) {
+        return "<service>\r\n<serviceType>" + type + "</serviceType>\r\n<controlURL>" + control +
+               "</controlURL>\r\n</service>\r\n";
+    };
     return "<root>\r\n<device>\r\n<deviceType>" + std::string(kGatewayType) +
            "</deviceType>\r\n<UDN>uuid:gw-1</UDN>\r\n<deviceList>\r\n<device>\r\n"
-           "<deviceType>urn:schemas-upnp-org:device:WANConnectionDevice:1</deviceType>\r\n<UDN>uuid:wan</"
-           "UDN>\r\n"
-           "<serviceList>\r\n<service>\r\n<serviceType>" +
-           kConnectionService +
-           "</serviceType>\r\n<controlURL>/ctl</controlURL>\r\n</service>\r\n</serviceList>\r\n</device>\r\n"
-           "</deviceList>\r\n</device>\r\n</root>\r\n";
+           "<deviceType>urn:schemas-upnp-org:device:WANConnectionDevice:1</deviceType>\r\n"
+           "<UDN>uuid:wan</UDN>\r\n<serviceList>\r\n" +
+           service(kOtherService, "/other") + service(kConnectionService, "/ctl") +
+           "</serviceList>\r\n</device>\r\n</deviceList>\r\n</device>\r\n</root>\r\n";
 }
 
-/// The answer to a look-up.
-inline std::string MapEntry(const std::string& port, const std::string& client, const std::string& enabled)
+/// What a gateway says that keeps a table of mappings.
+struct ToyGateway
 {
-    return "<NewInternalPort>" + port + "</NewInternalPort>\r\n<NewInternalClient>" + client +
-           "</NewInternalClient>\r\n<NewEnabled>" + enabled + "</NewEnabled>\r\n";
-}
+    struct Mapping
+    {
+        std::string port, client, enabled;
+    };
 
-/// What stands between two texts; empty when the first is not there.
-inline std::string Between(const std::string& text, const std::string& before, const std::string& behind)
+    ScriptedServer::Reply operator()(const std::string& request)
+    {
+        if (silent)
+            return {};
+        if (request.starts_with("GET "))
+            return {untilClose ? "HTTP/1.1 200 OK\r\n\r\n" + Description() : HttpAnswer(Description()),
+                    kClose};
+        const std::string port = Between(request, "<NewExternalPort>", "<");
+        const std::string index = Between(request, "<NewPortMappingIndex>", "<");
+        const std::string action = Between(request, "<u:", " ");
+        if (action.starts_with("Get") && action.ends_with("Entry")) {
+            lookUps.push_back(port);
+            const auto row = index.empty() ? table.find(port) : index == "0" ? table.begin() : table.end();
+            return {row != table.end() ? Entry(row->second) : HttpAnswer("", "500 No such entry"), kClose};
+        }
+        if (action == "DeletePortMapping")
+            table.erase(port);
+        else if (refused.contains(port))
+            return {HttpAnswer("", "500 Refused"), kClose};
+        else if (action == "AddPortMapping")
+            table[port] = {port, Between(request, "<NewInternalClient>", "<"), "1"};
+        return {HttpAnswer("<NewExternalIPAddress>203.0.113.7</NewExternalIPAddress>\r\n"), kClose};
+    }
+    static std::string Entry(const Mapping& mapping)
+    {
+        return HttpAnswer("<NewInternalPort>" + mapping.port + "</NewInternalPort>\r\n<NewInternalClient>" +
+                          mapping.client + "</NewInternalClient>\r\n<NewEnabled>" + mapping.enabled +
+                          "</NewEnabled>\r\n");
+    }
+
+    std::map<std::string, Mapping> table; // by external port
+    std::set<std::string> refused;        // ports
+    std::vector<std::string> lookUps;     // ports
+    bool silent = false;                  // takes every request and never answers
+    bool untilClose = false;              // describes itself without telling the length
+};
+
+/// A device of a gateway in the test's own thread, with a network that searches nowhere, while the clock stands.
+struct GatewayDevice
 {
-    const std::size_t found = text.find(before), begin = found + before.size();
-    return found == std::string::npos ? "" : text.substr(begin, text.find(behind, begin) - begin);
-}
+    explicit GatewayDevice(UPnPEventCallback callback = nullptr, void* context = nullptr, bool search = false)
+        : network(std::make_unique<CUPnPNetwork>(callback, context, UPnPDialectClassic, search))
+    {
+        server.AnswerBy(std::ref(gateway));
+    }
+
+    void Ask(const std::string& location)
+    {
+        device.reset(MakeRecord(network.get(), {.location = location}));
+        device->RequestDescription();
+    }
+    void Describe()
+    {
+        Ask(server.Url("/d"));
+        ASSERT_TRUE(PumpUntil([&] { return device->DiscoverComplete(); }));
+    }
+
+    TestClock clock;
+    ScriptedServer server;
+    ToyGateway gateway;
+    std::unique_ptr<CUPnPNetwork> network;
+    std::unique_ptr<CUPnPDevice> device;
+};

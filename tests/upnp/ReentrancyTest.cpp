@@ -8,15 +8,45 @@ namespace
 
 using Host = ReentrantHost;
 
+/// An operation of a device, the host acting during its n-th request.
+Host::Place During(const char* name, int n, bool (*operation)(CUPnPDevice& device))
+{
+    return {name, 0, false, [=](Host& host) {
+                host.gateway.refused = {"71"};
+                host.gateway.table["1"] = {"1", "127.0.0.1", "1"};
+                host.ActInTheWait(n);
+                const CUPnPDevice* const device = host.Device();
+                const bool result = operation(*host.Device());
+                EXPECT_TRUE(!result || host.Device() == device);
+            }};
+}
+
+PortMapList& Filled(CUPnPDevice& device)
+{
+    return device.GetPortMaps() = Records({80, 81, 82});
+}
+
 const Host::Place kPlaces[] = {
+    During("Address", 1,
+           [](auto& device) { return device.GetExternalIPAddress(nullptr, std::string(9, ' ').data(), 9); }),
+    During("NAT", 1, [](auto& device) { return device.GetNATEnabled(nullptr, *std::make_unique<bool>()); }),
+    During("AddPort", 1, [](auto& device) { return device.AddPortMap(nullptr, 7, "d", nullptr); }),
+    During("AddList", 2, [](auto& device) { return device.AddPortMaps(nullptr, Filled(device)); }),
+    During("RangeLooks", 2, [](auto& device) { return device.AddPortMaps(nullptr, 70, 3, "", nullptr); }),
+    During("RangeAdds", 5, [](auto& device) { return device.AddPortMaps(nullptr, 70, 3, "", nullptr); }),
+    During("RangeDeletes", 8, [](auto& device) { return device.AddPortMaps(nullptr, 70, 3, "", nullptr); }),
+    During("DeletePort", 1, [](auto& device) { return device.DeletePortMap(nullptr, 7, "UDP"); }),
+    During("DeleteList", 2, [](auto& device) { return device.DeletePortMaps(nullptr, Filled(device)); }),
+    During("DeleteOwn", 3, [](auto& device) { return Filled(device)[0] && device.DeletePortMaps(nullptr); }),
+    During(
+        "List", 2,
+        [](auto& device) { return Filled(device)[0] && device.GetPortMaps(nullptr, device.GetPortMaps()); }),
     {"DescribedWhileReading", 1U << UPnPEventServiceDescribed, true, &Host::Register},
     {"DescribedWhileClosing", 1U << UPnPEventDeviceDescribed, true, // the embedded device
      [](auto& host) {
-         host.untilClose = host.network->SetDialect(UPnPDialectModern);
+         host.gateway.untilClose = host.network->SetDialect(UPnPDialectModern);
          host.Register();
      }},
-    {"ReleasedByHost", 1U << UPnPEventDeviceReleased, false,
-     [](auto& host) { host.network->ReleaseUPnPDevice(host.Device()); }},
     {"ReleasedByTickle", 1U << UPnPEventDeviceReleased, false,
      [](auto& host) {
          host.Device()->SetRelease(true);
@@ -27,22 +57,12 @@ const Host::Place kPlaces[] = {
          host.network->Notify(
              MakeRecord(host.network.get(), {.source = "127.0.0.3", .usn = "uuid:n", .nts = "ssdp:alive"}));
      }},
-    {"PumpedInDeviceOperation", 0, false,
-     [](auto& host) {
-         InTheWait([&host] { host.Act(host.Device()); });
-         host.Operate();
-     }},
-    {"PumpedInDirectCommand", 0, false,
-     [](auto& host) {
-         InTheWait([&host] { host.Act(host.Device()); });
-         host.Service()->Command(true, nullptr, "GetStatusInfo", nullptr);
-     }},
     {"PumpedInVerification", 0, false,
      [](auto& host) {
          host.Device()->AddPortMap(nullptr, 8080, "game", nullptr);
+         host.ActInTheWait(1);
          for (int i = 0; i < 3 && !host.happened; ++i) { // the range list has its turn first
              TestClock::Advance(10001);
-             InTheWait([&host] { host.Act(host.Device()); });
              host.network->Tickle();
          }
      }},
