@@ -29,7 +29,6 @@ public:
     SCRIPTED_HOOK(void, NotifySSLCantOpenPrivateKeyFile, (const wchar_t* path), (path))
     SCRIPTED_HOOK(void, NotifySSLCantLoadTrustedCAFile, (const wchar_t* path), (path))
 
-    using CTavroProductSocket::GetCompressionLevel;
     using CTavroProductSocket::GetMissedReceive;
     using CTavroProductSocket::GetPendingPackets;
     using CTavroProductSocket::IncrementPendingPackets;
@@ -51,17 +50,30 @@ public:
     {
         return CTavroProductSocket::ReceiveData(buffer, length, flags);
     }
-    void BaseSetOkayToSend(bool allowed) { CTavroProductSocket::SetOkayToSend(allowed); }
 
-    /// Has ProcessReceive take everything.
+    /// Has ProcessReceive take everything, and the hooks about SSL and the close note that they came.
     void Collect()
     {
         this->ProcessReceiveScript = [this](unsigned char*& buffer, int& length) {
             received += ScriptedSocket::Text(buffer, std::exchange(length, 0));
             return true;
         };
+        this->OnCloseScript = [this](int error) {
+            told += "closed " + std::to_string(error) + ", ";
+            BaseOnClose(error);
+        };
+        NotifySSLAcceptSuccessScript = [this](auto, const char* version, auto, const std::string& pem, int) {
+            told += std::string("entered ") + version +
+                    (pem.starts_with("-----BEGIN CERT") ? " certified, " : ", ");
+        };
+        NotifySSLAcceptErrorScript = [this](auto, auto, const char* reason) { told += reason; };
+        NotifySSLConnectionShutdownScript = [this] { told += "left, "; };
+        const auto refused = [this](const wchar_t* path) { told += "refused " + CStringA(path); };
+        NotifySSLCantOpenCertFileScript = refused;
+        NotifySSLCantOpenPrivateKeyFileScript = refused;
+        NotifySSLCantLoadTrustedCAFileScript = refused;
     }
-    std::string received;
+    std::string received, told;
 };
 
 using ScriptedProduct = ScriptedProductOf<ScriptedSocketOf>;

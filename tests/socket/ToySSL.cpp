@@ -152,12 +152,10 @@ int Noted(const std::string& entry, const CStringA& argument = "")
     return 1;
 }
 
-/// An object that nothing is in.
-template <typename Handle>
-Handle* Empty(const char* name)
+const ssl_method_st* Method(const char* name)
 {
     Noted(name);
-    return reinterpret_cast<Handle*>(toy);
+    return nullptr;
 }
 
 } // namespace
@@ -169,8 +167,8 @@ ToySSL::ToySSL()
     toy = this;
     CTavroProductSocket::Init(&table);
     table.m_bLoaded = true;
-    table.m_pSSL_method = [] { return Empty<const ssl_method_st>("general"); };
-    table.m_pSSL_method_mode1 = [] { return Empty<const ssl_method_st>("mode 1"); };
+    table.m_pSSL_method = [] { return Method("general"); };
+    table.m_pSSL_method_mode1 = [] { return Method("mode 1"); };
     table.m_pSSL_CTX_new = [](const ssl_method_st*) {
         ++toy->alive;
         return reinterpret_cast<Context>(toy);
@@ -224,6 +222,7 @@ ToySSL::ToySSL()
 
 ToySSL::~ToySSL()
 {
+    EXPECT_EQ(alive, 0);
     CTavroProductSocket::Init(nullptr);
     toy = nullptr;
 }

@@ -60,7 +60,7 @@ public:
     int calls = 0;
     std::string log;   // how contexts and sessions were set up
     int errors = 0;    // in the queue
-    int alive = 0;     // contexts and sessions
+    int alive = 0;     // contexts and sessions, none of which outlives it
     bool died = false; // a session, of a fatal error
     SSLPasswordCallback phrase = nullptr;
     void* phraseData = nullptr;
