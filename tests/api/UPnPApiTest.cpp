@@ -12,7 +12,7 @@
 #include "tavronet/platform/TestSeams.h"
 #include "tavronet/platform/TickCount.h"
 #include "tests/support/PlainSocket.h"
-#include "tests/support/PrivateLan.h"
+#include "tests/support/Programs.h"
 
 namespace
 {
@@ -45,7 +45,7 @@ protected:
     {
         UPnPClose();
         arguments.insert(arguments.end(), {"--address", "10.77.1.1"});
-        gateway.emplace(arguments, tavronet::GatewayProcess::Place::GatewayOfLan);
+        gateway.emplace(arguments);
         ASSERT_EQ(UPnPSetDialect(dialect), UPnPSuccess);
         ASSERT_EQ(UPnPDiscoverStartup(), UPnPSuccess);
         ASSERT_TRUE(tavronet::PumpUntil([] {
@@ -261,8 +261,7 @@ TEST_F(FlatInterface, DispatchServesWhatIsDueAndWaitsForItNoLongerThanAsked)
     EXPECT_GE(Clock::now() - begin, 60ms);
     PostThreadCall(CurrentThreadQueue(), kThrow, nullptr);
     EXPECT_EQ(UPnPDispatch(60'000), UPnPException);
-    const Handler theirs = [](void*) { throw 42; };
-    PostThreadCall(CurrentThreadQueue(), theirs, nullptr);
+    PostThreadCall(CurrentThreadQueue(), Handler([](void*) { throw 42; }), nullptr);
     EXPECT_THROW(UPnPDispatch(0), int) << "the host's own exceptions pass";
 }
 

@@ -1,8 +1,7 @@
 // The places of the re-entrancy matrix that need discovery sockets, and the wait of the flat interface.
 
 #include "tavronet/api/UPnPApi.h"
-#include "tests/support/GatewayProcess.h"
-#include "tests/support/OnPrivateLan.h"
+#include "tests/support/Programs.h"
 #include "tests/upnp/ReentrantHost.h"
 
 namespace
@@ -15,7 +14,7 @@ using LanReentrancy = tavronet::OnPrivateLan;
 
 TEST_F(LanReentrancy, TheHostMayDoAnything)
 {
-    GatewayProcess gateway({"--address", "10.77.1.1", "--uuid", "lan"}, GatewayProcess::Place::GatewayOfLan);
+    GatewayProcess gateway({"--address", "10.77.1.1", "--uuid", "lan"});
     const Host::Place places[] = {
         {"ADatagramIsRead", 1U << UPnPEventDeviceNotify, false,
          [&](auto& host) {

@@ -8,8 +8,7 @@
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPNetwork.h"
 #include "tavronet/upnp/UPnPService.h"
-#include "tests/support/GatewayProcess.h"
-#include "tests/support/OnPrivateLan.h"
+#include "tests/support/Programs.h"
 
 namespace
 {
@@ -42,8 +41,7 @@ public:
         for (const char* const address : {"10.77.1.1", "10.77.2.1"}) {
             Texts options = Pick(kGateways);
             options.insert(options.end(), {"--address", address, "--uuid", address});
-            m_Gateways.push_back(
-                std::make_unique<GatewayProcess>(options, GatewayProcess::Place::GatewayOfLan));
+            m_Gateways.push_back(std::make_unique<GatewayProcess>(options));
         }
     }
     ~GatewayHost() override

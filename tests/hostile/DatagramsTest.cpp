@@ -4,7 +4,7 @@
 #include "tavronet/upnp/UPnPDialect.h"
 #include "tavronet/upnp/UPnPSSDPSocket.h"
 #include "tests/hostile/Hostile.h"
-#include "tests/support/OnPrivateLan.h"
+#include "tests/support/Programs.h"
 
 namespace
 {

@@ -5,9 +5,7 @@
 
 #include <optional>
 
-#include "tests/support/GatewayProcess.h"
-#include "tests/support/OnPrivateLan.h"
-#include "tests/support/RealGateway.h"
+#include "tests/support/Programs.h"
 #include "tests/upnp/GatewayRecords.h"
 
 namespace
@@ -15,7 +13,6 @@ namespace
 
 using Texts = std::vector<std::string>;
 using tavronet::GatewayProcess;
-constexpr auto kPlace = GatewayProcess::Place::GatewayOfLan;
 
 /// "TCP 8080 10.77.1.2:8080 game".
 std::string Line(const CUPnPPortMap& map)
@@ -90,7 +87,7 @@ TEST_P(Gateways, AreServedFromTheSearchToTheDeletion)
     if (kind.realVersion == 0) {
         Texts options{"--address", kind.gateway, "--external-ip", "44.128.0.7", "--lowest-port", "1024"};
         options.insert(options.end(), kind.options.begin(), kind.options.end());
-        simulated.emplace(options, kPlace);
+        simulated.emplace(options);
     }
     const CUPnPNetwork network(nullptr, nullptr, kind.dialect);
     CUPnPDevice* const device = AwaitDevice(network, kind.local);
@@ -140,8 +137,8 @@ using TwoGateways = tavronet::OnPrivateLan;
 
 TEST_F(TwoGateways, AreKeptApart)
 {
-    const GatewayProcess first({"--address", "10.77.1.1", "--uuid", "1"}, kPlace);
-    const GatewayProcess second({"--address", "10.77.2.1", "--uuid", "2"}, kPlace);
+    const GatewayProcess first({"--address", "10.77.1.1", "--uuid", "1"});
+    const GatewayProcess second({"--address", "10.77.2.1", "--uuid", "2"});
     CUPnPNetwork network(nullptr, nullptr, UPnPDialectModern);
     CUPnPDevice* const two = AwaitDevice(network, "10.77.2.2");
     ASSERT_NE(AwaitDevice(network, "10.77.1.2"), nullptr);

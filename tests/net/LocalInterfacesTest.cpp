@@ -79,7 +79,7 @@ TEST(LocalInterfaces, ListFindAndDescribeAddresses)
 TEST(LocalInterfaces, NamesOfConnectedSockets)
 {
     const auto listener = PlainSocket::Listening();
-    const auto client = PlainSocket::ConnectedTo(tavronet::AddressOf(static_cast<int>(listener.Handle())));
+    const auto client = PlainSocket::ConnectedTo(tavronet::BindToLoopback(listener.Handle()));
     CStringW address;
     UINT port = 0;
     EXPECT_TRUE(GetSockName(client.Handle(), address, port) && port == client.Port());

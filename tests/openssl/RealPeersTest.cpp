@@ -8,7 +8,7 @@
 #include "tavronet/openssl/OpenSSLProvider.h"
 #include "tests/openssl/Certificates.h"
 #include "tests/socket/ScriptedProduct.h"
-#include "tests/support/ChildProcess.h"
+#include "tests/support/Programs.h"
 
 using tavronet::ChildProcess;
 using tavronet::PumpUntil;
@@ -86,8 +86,7 @@ TEST(RealPeers, TheOpenSSLProgramAsServerAndAsClient)
         ChildProcess program(Words(row.program.substr(0, 8) +
                                    (weServe ? " -connect 127.0.0.1:" + std::to_string(listener.Port())
                                             : " -accept 127.0.0.1:0 -cert server.pem -key server.key") +
-                                   row.program.substr(8)),
-                             ChildProcess::Place::Here);
+                                   row.program.substr(8)));
         ScriptedProduct ours;
         if (weServe) {
             ASSERT_TRUE(ours.Attach(listener.Accept().Releases(), FD_ALL));

@@ -16,7 +16,7 @@
 #include "tavronet/platform/LastError.h"
 #include "tavronet/socket/TavroProductSocket.h"
 #include "tests/openssl/Certificates.h"
-#include "tests/support/LoopbackPair.h"
+#include "tests/support/PlainSocket.h"
 
 using tavronet::Certificate;
 using tavronet::LoopbackPair;

@@ -202,7 +202,7 @@ TEST(AsyncSocketDatagram, EveryOneIsToldEightDeepAtMostAndALongOneIsCut)
 TEST(AsyncSocketAccept, AListenerPassesItsSelectionOnAndCanBeRestarted)
 {
     Pair listener(false);
-    const sockaddr_storage address = BindToLoopback(listener.socket->m_hSocket);
+    const sockaddr_in address = BindToLoopback(listener.socket->m_hSocket);
     EXPECT_EQ(platform::listen(listener.socket->m_hSocket, 5), 0);
     const PlainSocket clients[] = {PlainSocket::ConnectedTo(address), PlainSocket::ConnectedTo(address)};
     std::string log;

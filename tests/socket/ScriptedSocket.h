@@ -10,7 +10,7 @@
 
 #include "tavronet/platform/LastError.h"
 #include "tavronet/socket/TavroSocket.h"
-#include "tests/support/LoopbackPair.h"
+#include "tests/support/PlainSocket.h"
 
 /// A hook that does what the script `...` + Script says, without one what the base does, between two calls of
 /// `around`.

@@ -41,18 +41,14 @@ inline void PumpUntilQuiet()
 }
 
 /// Where a socket is bound; one that is not yet is bound to a free port of the loopback interface.
-inline sockaddr_storage BindToLoopback(SOCKET handle)
+inline sockaddr_in BindToLoopback(SOCKET handle)
 {
-    const sockaddr_in wanted{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    ::bind(static_cast<int>(handle), reinterpret_cast<const sockaddr*>(&wanted), sizeof wanted);
-    sockaddr_storage bound{};
-    socklen_t length = sizeof bound;
-    ::getsockname(static_cast<int>(handle), reinterpret_cast<sockaddr*>(&bound), &length);
-    return bound;
-}
-inline sockaddr_storage AddressOf(int descriptor)
-{
-    return BindToLoopback(static_cast<SOCKET>(descriptor));
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    auto* const raw = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = sizeof address;
+    ::bind(static_cast<int>(handle), raw, length);
+    ::getsockname(static_cast<int>(handle), raw, &length);
+    return address;
 }
 
 /// A plain system socket on the loopback interface, closed with the object: a listener, or the far end of a
@@ -70,9 +66,9 @@ public:
     ~PlainSocket() { Closes(); }
 
     /// Its connections have a small receive buffer.
-    static PlainSocket Listening(int family = AF_INET)
+    static PlainSocket Listening()
     {
-        PlainSocket listener(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        PlainSocket listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const int bytes = 65536;
         const timeval patience{5, 0};
         ::setsockopt(listener.m_Socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -81,23 +77,16 @@ public:
         ::listen(listener.m_Socket, 64);
         return listener;
     }
-    static PlainSocket ConnectedTo(const sockaddr_storage& address, int type = SOCK_STREAM)
+    static PlainSocket ConnectedTo(const sockaddr_in& address, int type = SOCK_STREAM)
     {
-        PlainSocket peer(::socket(address.ss_family, type | SOCK_CLOEXEC, 0));
-        const auto& raw = reinterpret_cast<const sockaddr&>(address);
-        EXPECT_EQ(::connect(peer.m_Socket, &raw, sizeof address), 0);
+        PlainSocket peer(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(::connect(peer.m_Socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         return peer;
     }
 
     /// Waits up to five seconds for somebody to connect.
     PlainSocket Accept() const { return PlainSocket(::accept4(m_Socket, nullptr, nullptr, SOCK_CLOEXEC)); }
-    /// 0 for a listener on a machine that lacks the family.
-    [[nodiscard]] UINT Port() const
-    {
-        const sockaddr_storage address =
-            BindToLoopback(Handle()); // its port stands at the same place in IPv6
-        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-    }
+    [[nodiscard]] UINT Port() const { return ntohs(BindToLoopback(Handle()).sin_port); }
     [[nodiscard]] SOCKET Handle() const { return static_cast<SOCKET>(m_Socket); }
     /// Gives the socket to the caller, who closes it.
     [[nodiscard]] SOCKET Releases() { return static_cast<SOCKET>(std::exchange(m_Socket, -1)); }

@@ -9,8 +9,8 @@ class Gateway:
     """A program in the gateway namespace that tells the `urls` of its descriptions when it is ready."""
 
     def __init__(self, *command):
-        enter = ["nsenter", "-t", os.environ["TAVRONET_LAN_GATEWAY_PID"], "-n"]
-        self.process = subprocess.Popen([*enter, *command], stdout=subprocess.PIPE, text=True)
+        enter = os.path.join(os.path.dirname(__file__), "in-gateway-namespace")
+        self.process = subprocess.Popen([enter, *command], stdout=subprocess.PIPE, text=True)
         ready = next((line for line in self.process.stdout if "ready" in line), "")
         self.urls = [word for word in ready.split() if word.startswith("http://")]
 

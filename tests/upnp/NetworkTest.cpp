@@ -8,8 +8,7 @@
 #include "tavronet/platform/TestSeams.h"
 #include "tavronet/upnp/UPnPDialect.h"
 #include "tavronet/upnp/UPnPSSDPSocket.h"
-#include "tests/support/GatewayProcess.h"
-#include "tests/support/OnPrivateLan.h"
+#include "tests/support/Programs.h"
 
 namespace
 {
@@ -51,8 +50,8 @@ TEST_F(NetworkOnALan, WhichDatagramsAreOfGateways)
     for (const auto& [why, text, devices, notifies] : rows) {
         Begin();
         const CUPnPSSDPSocket ear("127.0.0.1", 0, network.get());
-        const auto voice = tavronet::PlainSocket::ConnectedTo(
-            tavronet::AddressOf(static_cast<int>(ear.GetSocket())), SOCK_DGRAM);
+        const auto voice =
+            tavronet::PlainSocket::ConnectedTo(tavronet::BindToLoopback(ear.GetSocket()), SOCK_DGRAM);
         EXPECT_TRUE(voice.Writes(text));
         tavronet::PumpUntilQuiet();
         EXPECT_EQ(network->NumDevices(), devices) << why;
@@ -134,8 +133,7 @@ struct LongLife : NetworkOnALan
     void Start(const std::string& address, const std::string& option = "--max-age=1800")
     {
         gateway.reset();
-        gateway.emplace(std::vector<std::string>{"--address", address, option},
-                        tavronet::GatewayProcess::Place::GatewayOfLan);
+        gateway.emplace(std::vector<std::string>{"--address", address, option});
     }
     void LiveUntil(DWORD ofDay)
     {
@@ -265,7 +263,7 @@ TEST_F(LongLife, BeginsWithASearchThenOneASecondThenOneInFiveMinutes)
             EXPECT_EQ(gateway->Requests().size(), sent) << passedMs << " from " << start;
         }
     }
-    EXPECT_EQ(gateway->Requests().back().bytes,
+    EXPECT_EQ(gateway->Requests().back(),
               "M-SEARCH * HTTP/1.1\r\nST: urn:schemas-upnp-org:device:WANConnectionDevice:1\r\nMX: 5\r\n"
               "MAN: \"ssdp:discover\"\r\nHOST: 239.255.255.250:1900\r\n\r\n");
 }

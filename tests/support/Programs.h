@@ -1,17 +1,89 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
-
-#include "tests/support/ChildProcess.h"
+#include <vector>
 
 namespace tavronet
 {
+
+/// A program that a test runs beside itself: spoken to over its standard input and output, ended by its process id.
+///
+/// It dies with the test, whatever happens to that. None of the calls pumps messages.
+class ChildProcess
+{
+public:
+    /// Starts `arguments[0]`. A failure shows in AwaitLine and Stop.
+    explicit ChildProcess(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"setpriv", "--pdeathsig", "KILL"});
+        std::vector<char*> raw;
+        for (std::string& argument : arguments)
+            raw.push_back(argument.data());
+        raw.push_back(nullptr);
+
+        // A socket and not a pipe: writing to a program that has died must not end the test by a signal.
+        int ends[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        m_Channel.reset(::fdopen(ends[0], "r"));
+        m_Pid = ::fork();
+        if (m_Pid == 0) {
+            ::dup2(ends[1], STDIN_FILENO);
+            ::dup2(ends[1], STDOUT_FILENO);
+            ::execvp(raw[0], raw.data());
+            ::_exit(127);
+        }
+        ::close(ends[1]);
+    }
+    ~ChildProcess() { Stop(); }
+
+    /// Waits for the first line of its standard output that contains `text`, for each line before it so long.
+    /// @return that line with its end; empty when the program ends before, or is too slow
+    std::string AwaitLine(const std::string& text, int timeoutMs) const
+    {
+        const timeval patience{timeoutMs / 1000, timeoutMs % 1000 * 1000};
+        ::setsockopt(::fileno(m_Channel.get()), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        char line[4096] = "";
+        while (std::string(line).find(text) == std::string::npos) {
+            if (std::fgets(line, sizeof line, m_Channel.get()) == nullptr)
+                return "";
+        }
+        return line;
+    }
+
+    /// Writes to its standard input. @return false when it has gone
+    [[nodiscard]] bool Write(const std::string& text) const
+    {
+        return ::send(::fileno(m_Channel.get()), text.data(), text.size(), MSG_NOSIGNAL) != -1;
+    }
+
+    /// Sends TERM and waits for the end.
+    /// @return the exit status, 128 + the signal when one ended it, -1 when it was not running
+    int Stop()
+    {
+        if (m_Pid <= 0)
+            return -1;
+        int status = 0;
+        ::kill(m_Pid, SIGTERM);
+        ::waitpid(std::exchange(m_Pid, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    pid_t m_Pid;
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_Channel{nullptr,
+                                                              std::fclose}; // its standard input and output
+};
 
 /// A test that searches: skips itself anywhere but on a private LAN, so that no other network sees its multicast.
 class OnPrivateLan : public testing::Test
@@ -24,25 +96,19 @@ protected:
     }
 };
 
-/// One request as the simulated gateway received it, byte for byte.
-struct GatewayRequest
-{
-    std::string peer; // "127.0.0.1:40000"
-    std::string bytes;
-};
+/// Runs a program in the gateway namespace of the private LAN; where there is none it does not start.
+inline constexpr char kInGatewayNamespace[] = TAVRONET_TEST_SOURCE_DIR "/tests/support/in-gateway-namespace";
 
-/// A simulated gateway (tavronet-gateway) that lives as long as this object. One that does not start, or ends otherwise
-/// than well, by a sanitizer's finding for instance, is a failure of the test.
+/// A simulated gateway (tavronet-gateway) on the private LAN that lives as long as this object. One that does not start,
+/// or ends otherwise than well, by a sanitizer's finding for instance, is a failure of the test.
 ///
 /// The constructor returns when the gateway listens. No call pumps messages: pump first, then ask what the gateway saw.
 class GatewayProcess
 {
 public:
-    using Place = ChildProcess::Place;
-
-    /// @param arguments of the program. Without --address it serves HTTP only, on 127.0.0.1 at a free port. Its log, its record of requests and the command input are set up here.
-    explicit GatewayProcess(std::vector<std::string> arguments = {}, Place place = Place::Here)
-        : m_Process(CommandLine(std::move(arguments)), place)
+    /// @param arguments of the program, --address among them. Its log, its record of requests and the command input are
+    ///        set up here.
+    explicit GatewayProcess(const std::vector<std::string>& arguments) : m_Process(CommandLine(arguments))
     {
         std::istringstream words(m_Process.AwaitLine("ready", kTimeoutMs));
         m_ReadyWords.assign(std::istream_iterator<std::string>(words), {});
@@ -80,17 +146,17 @@ public:
         return count;
     }
 
-    /// Everything that was sent to the gateway so far, in order of arrival.
-    [[nodiscard]] std::vector<GatewayRequest> Requests() const
+    /// Every request and datagram that was sent to the gateway so far, byte for byte, in order of arrival.
+    [[nodiscard]] std::vector<std::string> Requests() const
     {
         // Each stands behind a line "=== KIND PEER LENGTH" and is followed by a line feed.
-        std::vector<GatewayRequest> requests;
+        std::vector<std::string> requests;
         std::ifstream file(m_Folder + "/requests", std::ios::binary);
         std::size_t length = 0;
         for (std::string mark, kind, peer; file >> mark >> kind >> peer >> length;) {
             std::string bytes(length, 0);
             if (file.ignore().read(bytes.data(), std::ssize(bytes))) // not of one that is just being written
-                requests.push_back({peer, bytes});
+                requests.push_back(bytes);
         }
         return requests;
     }
@@ -100,9 +166,8 @@ private:
 
     std::vector<std::string> CommandLine(std::vector<std::string> arguments) const
     {
-        if (std::ranges::find(arguments, "--address") == arguments.end())
-            arguments.insert(arguments.end(), {"--address", "127.0.0.1", "--no-ssdp"});
-        arguments.insert(arguments.begin(), TAVRONET_TEST_BINARY_DIR "/bin/tavronet-gateway");
+        arguments.insert(arguments.begin(),
+                         {kInGatewayNamespace, TAVRONET_TEST_BINARY_DIR "/bin/tavronet-gateway"});
         arguments.insert(arguments.end(), {"--commands", "--log", m_Folder + "/log", "--log-requests"});
         arguments.push_back(m_Folder + "/requests");
         return arguments;
@@ -122,9 +187,8 @@ class RealGateway
 public:
     /// Returns when the daemon serves its description, or cannot. @param version of the device: 1 or 2
     explicit RealGateway(int version)
-        : m_Process({TAVRONET_TEST_SOURCE_DIR "/scripts/real-gateway", "--any-client", "--igd",
-                     std::to_string(version)},
-                    ChildProcess::Place::GatewayOfLan),
+        : m_Process({kInGatewayNamespace, TAVRONET_TEST_SOURCE_DIR "/scripts/real-gateway", "--any-client",
+                     "--igd", std::to_string(version)}),
           m_Available(!m_Process.AwaitLine("ready", 10000).empty())
     {
     }

@@ -1,3 +1,0 @@
-#pragma once
-#include "tavronet/socket/TavroSocket.h"
-#include "tests/support/PlainSocket.h"
