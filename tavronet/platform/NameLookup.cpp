@@ -37,8 +37,7 @@ struct NameLookup::Request
     gaicb control{};
     std::weak_ptr<MessageQueue> queue; // gone when the thread has ended and its sockets are closed
     std::uint64_t socketId = 0;
-    MessageQueue::PostedCalls
-        outcome; // made beforehand: where it is posted nobody could be told of a failure
+    MessageQueue::PostedCalls outcome; // made beforehand: nobody could be told that it cannot be posted
 
     ~Request()
     {

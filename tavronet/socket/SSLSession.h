@@ -70,6 +70,7 @@ public:
     SSLOutcome Write(const void* data, int length);
     /// A result of 0: the close alert is sent, the peer's is still to come.
     SSLOutcome Shutdown();
+
     // Of the socket I/O object, where the provider has one that reads ahead:
 
     /// How many bytes it has taken from the system and the session not yet from it.
