@@ -567,6 +567,8 @@ bool CTavroProductSocket::ExchangeCloseAlerts()
 
     const SSLOutcome outcome = state.session->Shutdown();
     NoteSSLWants(outcome);
+    if (outcome.result > 0)
+        state.peerClosed = true;
     const bool sentNow = outcome.result == 0 && !std::exchange(state.alertSent, true);
     const bool goesOn = sentNow || outcome.WouldBlock();
     if (goesOn && std::exchange(state.phase, Phase::Closing) != Phase::Closing)
@@ -574,13 +576,12 @@ bool CTavroProductSocket::ExchangeCloseAlerts()
     return !goesOn;
 }
 
-/// Frees the session. What it has read ahead belongs to whatever follows on this connection, unless the handshake
-/// has failed: then it may be from anybody.
+/// Frees the session. What it has read ahead behind the peer's close alert belongs to whatever follows on this
+/// connection; without one it is the beginning of a record.
 void CTavroProductSocket::LeaveSession()
 {
-    const bool keeps = HasSSLSession() && HasSSLWire() && m_pSSLState->phase != Phase::Failed &&
-                       m_pSSLState->session->WaitingAhead() > 0;
-    if (keeps)
+    if (HasSSLSession() && HasSSLWire() && m_pSSLState->peerClosed &&
+        m_pSSLState->session->WaitingAhead() > 0)
         m_pSSLState->left = std::move(m_pSSLState->session);
     ReleaseSSL();
 }
