@@ -40,7 +40,8 @@ std::unique_ptr<CUPnPPortMap> EntryOf(const CUPnPService& service, int first, co
 
 } // namespace
 
-/// Marks the device as in a command until the command has returned; a nested one leaves the mark alone.
+/// Marks the device as in a command until the command has returned; a nested one leaves the mark alone. The command
+/// counts as failed unless it was sent, also when a handler of the host throws out of its wait.
 class CUPnPDevice::CommandScope
 {
 public:
@@ -48,18 +49,24 @@ public:
         : m_Device(device), m_Guard(device), m_Outer(device.m_InCommand)
     {
         m_Device.m_InCommand = true;
+        m_Device.m_CommandFailed = false;
     }
 
     ~CommandScope()
     {
-        if (DeviceAlive())
-            m_Device.m_InCommand = m_Outer;
+        if (!DeviceAlive())
+            return;
+        m_Device.m_InCommand = m_Outer;
+        if (!sent)
+            m_Device.m_CommandFailed = true;
     }
 
     CommandScope(const CommandScope&) = delete;
     CommandScope& operator=(const CommandScope&) = delete;
 
     bool DeviceAlive() const { return m_Guard.Alive(); }
+
+    bool sent = false;
 
 private:
     CUPnPDevice& m_Device;
@@ -73,21 +80,18 @@ CUPnPDevice::Exchange CUPnPDevice::ServiceCommand(CUPnPService* service, bool wa
     if (m_Release != 0)
         return Exchange::Failed;
 
-    const CommandScope scope(*this);
-    m_CommandFailed = false;
+    CommandScope scope(*this);
     const UINT answersBefore = service->GetAnswerSerial();
 
     va_list arguments;
     va_start(arguments, action);
-    const bool sent = service->Command(wait, cancel, action, arguments);
+    scope.sent = service->Command(wait, cancel, action, arguments);
     va_end(arguments);
 
     if (!scope.DeviceAlive())
         return Exchange::DeviceGone;
-    if (!sent) {
-        m_CommandFailed = true;
+    if (!scope.sent)
         return Exchange::Failed;
-    }
     return service->GetAnswerSerial() != answersBefore ? Exchange::Answered : Exchange::Queued;
 }
 

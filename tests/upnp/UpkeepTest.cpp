@@ -49,6 +49,12 @@ TEST_F(Upkeep, WhatItAnswersInEachState)
         {"with an embedded device that has no type", kSomeTick, 0, false, [&] { embedded().GetType() = ""; }},
         {"that is to be released", kSomeTick, 0, false, [&] { embedded().SetRelease(true); }},
         {"that is expired below a root that is not", kSomeTick, 0, true, [&] { embedded().SetMaxAge(-1); }},
+        {"thrown out of an action", kSomeTick, 0, false,
+         [&] {
+             described();
+             InTheWait([] { throw 7; });
+             EXPECT_THROW(device->GetExternalIPAddress(nullptr), int);
+         }},
     };
     for (const auto& [why, start, afterMs, keeps, arrange] : rows) {
         TestClock::s_Now = start;
