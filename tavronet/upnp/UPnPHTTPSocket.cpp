@@ -10,6 +10,7 @@
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
 #include "tavronet/upnp/Limits.h"
+#include "tavronet/upnp/ResponseDesk.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDialect.h"
 
@@ -77,8 +78,6 @@ unsigned int InterfaceOf(CUPnPDevice* device, const sockaddr_storage& heardFrom)
     return index > 0 ? static_cast<unsigned int>(index) : 0;
 }
 
-thread_local std::size_t t_HeldBytes = 0; // of all responses that are still arriving
-
 bool IsOneWord(const CString& text)
 {
     return std::ranges::all_of(text.View(), [](wchar_t c) { return c > L' ' && c != 0x7f; });
@@ -91,6 +90,7 @@ CUPnPHTTPSocket::CUPnPHTTPSocket(const char* localAddress, UINT localPort, const
     : CUPnPSocket(localAddress, localPort, SOCK_STREAM, FD_ALL, true, FamilyToReach(host)),
       m_pUPnPObject(object),
       m_pFrame(std::make_unique<tavronet::ResponseFrame>()),
+      m_pPlace(std::make_unique<tavronet::ResponsePlace>()),
       m_CreatedTick(GetTickCount())
 {
     const bool hasTarget = host != nullptr && *host != '\0' && hostPort != 0;
@@ -98,16 +98,7 @@ CUPnPHTTPSocket::CUPnPHTTPSocket(const char* localAddress, UINT localPort, const
         Connect(CStringW(host), hostPort);
 }
 
-CUPnPHTTPSocket::~CUPnPHTTPSocket()
-{
-    Hold(0);
-}
-
-void CUPnPHTTPSocket::Hold(std::size_t bytes)
-{
-    t_HeldBytes += bytes - m_HeldBytes;
-    m_HeldBytes = bytes;
-}
+CUPnPHTTPSocket::~CUPnPHTTPSocket() = default;
 
 bool CUPnPHTTPSocket::Overdue() const
 {
@@ -165,71 +156,97 @@ bool CUPnPHTTPSocket::HeaderArrived(std::string_view message)
 
 bool CUPnPHTTPSocket::Acceptable(std::string_view message) const
 {
-    const bool hasRoom =
-        message.size() <= tavronet::kOrdinaryResponseBytes || t_HeldBytes <= tavronet::kMaxHeldResponseBytes;
-    return hasRoom && message.size() <= tavronet::kMaxHttpResponseBytes &&
+    return m_pPlace->HasRoom() && message.size() <= tavronet::kMaxHttpResponseBytes &&
            m_pFrame->announced <= static_cast<int>(tavronet::kMaxHttpResponseBytes);
 }
 
 bool CUPnPHTTPSocket::ProcessReceive(unsigned char*& data, int& length)
 {
-    const std::string_view message(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
-    if (m_bHTMLProcessed) // one response per connection; what follows it is dropped
-    {
-        length = 0;
+    if (m_bHTMLProcessed || m_ResponseLength != 0)
+    { // one response per connection; what follows it is dropped
+        length = m_bHTMLProcessed ? 0 : m_ResponseLength;
         return true;
     }
 
+    const std::string_view message(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
     const bool headerArrived = HeaderArrived(message);
-    Hold(message.size());
-    if (!Acceptable(message)) {
+    m_pPlace->Hold(message.size());
+    if (!Acceptable(message))
         ReleaseSocket();
-        return false;
-    }
-    if (!headerArrived || !tavronet::DialectOf(*m_pUPnPObject).Complete(message, *m_pFrame))
-        return false;
-
-    Deliver(message); // may delete this socket; `data` is the caller's during a read
-    length = 0;
-    return true;
+    else if (headerArrived && tavronet::DialectOf(*m_pUPnPObject).Complete(message, *m_pFrame))
+        m_ResponseLength = length;
+    return false; // a complete one, too, is held until it is read
 }
 
-void CUPnPHTTPSocket::Deliver(std::string_view message)
+void CUPnPHTTPSocket::OnReceive(int error)
+{
+    const tavronet::LifetimeGuard guard(*this);
+    const bool wasComplete = m_ResponseLength != 0;
+    CUPnPSocket::OnReceive(error);
+    if (guard.Alive() && !wasComplete && m_ResponseLength != 0)
+        ReadInTurn();
+}
+
+void CUPnPHTTPSocket::OnClose(int error)
+{
+    CUPnPSocket::OnClose(error);
+    m_bClosed = true;
+    if (m_bHTMLProcessed)
+        ReleaseSocket();
+    else if (m_ResponseLength == 0) { // otherwise it waits for its turn
+        if (EndsWithTheConnection())
+            ReadInTurn();
+        else
+            ReleaseSocket();
+    }
+}
+
+/// Whether what is held is a response now that nothing more will come.
+bool CUPnPHTTPSocket::EndsWithTheConnection()
+{
+    const std::string_view message(reinterpret_cast<const char*>(GetReceiveBuffer()),
+                                   static_cast<std::size_t>(GetReceiveBufferSize()));
+    const bool headerArrived = HeaderArrived(message);
+    m_CutShort = tavronet::DialectOf(*m_pUPnPObject).CutShort(message, *m_pFrame);
+    if (headerArrived && !m_CutShort)
+        m_ResponseLength = GetReceiveBufferSize();
+    return m_ResponseLength != 0;
+}
+
+void CUPnPHTTPSocket::ReadInTurn()
+{
+    m_pPlace->Read([this] { Read(); });
+}
+
+void CUPnPHTTPSocket::Read()
+{
+    const tavronet::LifetimeGuard guard(*this);
+    try {
+        HandOver();
+        if (guard.Alive())
+            OnResponseRead();
+    } catch (...) {
+        if (guard.Alive() && m_bClosed)
+            ReleaseSocket();
+        throw;
+    }
+    if (guard.Alive() && m_bClosed)
+        ReleaseSocket();
+}
+
+/// Whoever waits below what follows has nothing of the response under it.
+void CUPnPHTTPSocket::HandOver()
 {
     m_bHTMLProcessed = true;
-    Hold(0);
+    m_pPlace->Hold(0);
+    const tavronet::ByteBuffer held = TakeReceiveBuffer(); // also when an override has this socket deleted
+    held.Data()[held.Size()] = 0;                          // more may have stood behind it
+    const std::string_view message(reinterpret_cast<const char*>(held.Data()),
+                                   static_cast<std::size_t>(held.Size()));
     std::string storage;
     const std::string_view body = tavronet::DialectOf(*m_pUPnPObject).DecodeBody(message, *m_pFrame, storage);
     m_pUPnPObject->ProcessHTML(this, message.data(), static_cast<int>(message.size()), body.data(),
                                static_cast<int>(body.size()));
 }
 
-void CUPnPHTTPSocket::DeliverHeldResponse()
-{
-    if (m_bHTMLProcessed)
-        return;
-
-    // Moved out of the socket: the reader keeps its place in the text even when the host deletes the socket.
-    const tavronet::ByteBuffer held = TakeReceiveBuffer();
-    const std::string_view message(reinterpret_cast<const char*>(held.Data()),
-                                   static_cast<std::size_t>(held.Size()));
-    const bool headerArrived = HeaderArrived(message);
-    m_CutShort = tavronet::DialectOf(*m_pUPnPObject).CutShort(message, *m_pFrame);
-    if (headerArrived && !m_CutShort)
-        Deliver(message);
-}
-
-void CUPnPHTTPSocket::OnClose(int error)
-{
-    const tavronet::LifetimeGuard guard(*this);
-    CUPnPSocket::OnClose(error);
-    try {
-        DeliverHeldResponse();
-    } catch (...) {
-        if (guard.Alive())
-            ReleaseSocket();
-        throw;
-    }
-    if (guard.Alive())
-        ReleaseSocket();
-}
+void CUPnPHTTPSocket::OnResponseRead() {}

@@ -15,16 +15,18 @@ class CUPnPObject;
 namespace tavronet
 {
 struct ResponseFrame;
-}
+class ResponsePlace;
+} // namespace tavronet
 
 /// One HTTP request and its one response, on a connection of its own: connects at once, collects the
 /// response, hands it to its object when it is complete, and on close asks its owner for release.
 ///
 /// Owner: the device or service that made it. ReleaseSocket deletes it, also inside its own notifications.
-/// During a notification: the object reads the response, which may raise host events; the host may then do
-/// anything, including the deletion of this socket, its object and the network.
-/// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s. All that are
-/// still arriving hold 4 MiB together; one beyond 64 KiB that would exceed this counts as none, too.
+/// During a notification: the object reads the response, which is then freed, and may raise host events; the host
+/// may then do anything, including the deletion of this socket, its object and the network.
+/// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s. All that
+/// have not been read hold 4 MiB together; one beyond 64 KiB that would exceed this counts as none, too. A round of
+/// the thread's loop reads one response, or several of 64 KiB together; the others are read in later rounds.
 class TAVRONET_API CUPnPHTTPSocket : public CUPnPSocket
 {
 public:
@@ -51,11 +53,19 @@ public:
 protected:
     CUPnPObject* GetObjectW() const { return m_pUPnPObject; }
 
-    /// Takes the response when it is complete, otherwise waits for more.
+    /// Collects; what follows a complete response is dropped.
     bool ProcessReceive(unsigned char*& data, int& length) override;
 
-    /// Hands over a response that only the close ends, then releases the socket.
+    /// Hands over what ProcessReceive found complete.
+    void OnReceive(int error) override;
+
+    /// Hands over a response that only the close ends; releases the socket when there is none, or it has been read.
     void OnClose(int error) override;
+
+    /// Called:  when the object has read the response, and nothing of it is held any more.
+    /// May:     run foreign code, which may delete this socket.
+    /// Base:    does nothing.
+    virtual void OnResponseRead();
 
     /// Returns the socket to its owner, who deletes it before this returns.
     virtual void ReleaseSocket() = 0;
@@ -71,16 +81,19 @@ private:
     CUPnPDevice* HeardDevice() const;
     bool HeaderArrived(std::string_view message);
     bool Acceptable(std::string_view message) const;
-    void Hold(std::size_t bytes);
-    void Deliver(std::string_view message);
-    void DeliverHeldResponse();
+    bool EndsWithTheConnection();
+    void ReadInTurn();
+    void Read();
+    void HandOver();
 
     CUPnPObject* m_pUPnPObject; // not owned
     bool m_bHeaderParsed = false;
     bool m_bHTMLProcessed = false;
     bool m_CutShort = false;
+    bool m_bClosed = false;
+    int m_ResponseLength = 0;                          // of a complete one, held until it is its turn
     std::unique_ptr<tavronet::ResponseFrame> m_pFrame; // never null
-    std::size_t m_HeldBytes = 0;                       // of a response that is still arriving
+    std::unique_ptr<tavronet::ResponsePlace> m_pPlace; // never null
     DWORD m_CreatedTick;
 };
 
