@@ -18,7 +18,8 @@ constexpr wchar_t kSearchTarget[] = L"urn:schemas-upnp-org:device:WANConnectionD
 bool ReadText(const DocumentLines& lines, std::string_view element, std::string_view& value)
 {
     std::string_view found;
-    if (!FindElement(lines.Line(), lines.LowerLine(), element, found) || found.size() > kMaxElementTextBytes)
+    if (!lines.Closes(element) || !FindElement(lines.Line(), lines.LowerLine(), element, found) ||
+        found.size() > kMaxElementTextBytes)
         return false;
     value = found;
     return true;
@@ -29,13 +30,16 @@ bool ReadText(const DocumentLines& lines, std::string_view element, std::string_
 class DescriptionReader
 {
 public:
-    explicit DescriptionReader(DocumentLines& lines) : m_Lines(lines) {}
-
-    /// Both raise the node's event at the end. @return whether the node is still there.
-    bool ReadDevice(CUPnPDevice& device);
-    bool ReadService(CUPnPService& service);
+    /// Reads the node at which the lines stand. Raises no events.
+    static void Read(CUPnPDevice& device, DocumentLines& lines);
+    static void Read(CUPnPService& service, DocumentLines& lines);
 
 private:
+    template <typename Node>
+    DescriptionReader(Node& top, DocumentLines& lines) : m_Lines(lines), m_Builder(top)
+    {
+    }
+
     struct Lists
     {
         bool devices = false;
@@ -43,33 +47,48 @@ private:
     };
 
     bool NextLine();
+    void ReadDevice(CUPnPDevice& device);
+    void ReadService(CUPnPService& service);
 
     template <typename Node, typename Fields>
     void ReadFields(Node& node, const Fields& fields);
 
     void ReadURLBase(CUPnPDevice& device);
     void ReadOwnLine(CUPnPDevice& device, Lists& inside);
-    bool ReadLists(CUPnPDevice& device, Lists& inside);
-    bool ReadEmbedded(CUPnPDevice& parent);
-    bool ReadListed(CUPnPDevice& parent);
+    void ReadLists(CUPnPDevice& device, Lists& inside);
+    void ReadEmbedded(CUPnPDevice& parent);
+    void ReadListed(CUPnPDevice& parent);
 
     DocumentLines& m_Lines;
     DescriptionBuilder m_Builder;
 };
 
+void DescriptionReader::Read(CUPnPDevice& device, DocumentLines& lines)
+{
+    DescriptionReader reader(device, lines);
+    reader.ReadDevice(device);
+    reader.m_Builder.Finish();
+}
+
+void DescriptionReader::Read(CUPnPService& service, DocumentLines& lines)
+{
+    DescriptionReader reader(service, lines);
+    reader.ReadService(service);
+    reader.m_Builder.Finish();
+}
+
 /// The next line that is not empty.
 bool DescriptionReader::NextLine()
 {
     do {
-        if (!m_Lines.Next())
+        if (m_Builder.Full() || !m_Lines.Next())
             return false;
     } while (m_Lines.Line().empty());
     return true;
 }
 
-bool DescriptionReader::ReadDevice(CUPnPDevice& device)
+void DescriptionReader::ReadDevice(CUPnPDevice& device)
 {
-    const LifetimeGuard guard(device);
     bool opened = false;
     Lists inside;
     while (NextLine()) {
@@ -79,14 +98,12 @@ bool DescriptionReader::ReadDevice(CUPnPDevice& device)
             ReadURLBase(device);
         if (!opened)
             continue;
-        if (m_Lines.Contains("</device>"))
-            break;
+        if (m_Lines.Closes("device"))
+            return;
 
         ReadOwnLine(device, inside);
-        if (!ReadLists(device, inside) || !guard.Alive())
-            return false;
+        ReadLists(device, inside);
     }
-    return DescriptionBuilder::Finish(device);
 }
 
 void DescriptionReader::ReadURLBase(CUPnPDevice& device)
@@ -94,7 +111,7 @@ void DescriptionReader::ReadURLBase(CUPnPDevice& device)
     std::string_view value;
     CString& base = DescriptionBuilder::URLBase(device);
     if (base.IsEmpty() && ReadText(m_Lines, "urlbase", value))
-        base = Widen(value);
+        m_Builder.Keep(base, Widen(value));
 }
 
 void DescriptionReader::ReadOwnLine(CUPnPDevice& device, Lists& inside)
@@ -107,40 +124,38 @@ void DescriptionReader::ReadOwnLine(CUPnPDevice& device, Lists& inside)
         ReadFields(device, DescriptionBuilder::DeviceFields());
 }
 
-/// @return whether the device is still there.
-bool DescriptionReader::ReadLists(CUPnPDevice& device, Lists& inside)
+void DescriptionReader::ReadLists(CUPnPDevice& device, Lists& inside)
 {
-    const bool servicesEnd = m_Lines.Contains("</servicelist>"); // an embedded device moves the lines on
+    const bool servicesEnd = m_Lines.Closes("servicelist"); // an embedded device moves the lines on
     const bool serviceBegins = m_Lines.Begins("<service>");
 
-    if (inside.devices && m_Lines.Contains("</devicelist>"))
+    if (inside.devices && m_Lines.Closes("devicelist"))
         inside.devices = false;
-    else if (inside.devices && m_Lines.Begins("<device>") && !ReadEmbedded(device))
-        return false;
+    else if (inside.devices && m_Lines.Begins("<device>"))
+        ReadEmbedded(device);
 
     if (inside.services && servicesEnd)
         inside.services = false;
-    else if (inside.services && serviceBegins && !ReadListed(device))
-        return false;
-    return true;
+    else if (inside.services && serviceBegins)
+        ReadListed(device);
 }
 
-bool DescriptionReader::ReadEmbedded(CUPnPDevice& parent)
+void DescriptionReader::ReadEmbedded(CUPnPDevice& parent)
 {
     CUPnPDevice* const embedded = m_Builder.AddDevice(parent);
     if (embedded == nullptr) // too deep or too many: the line is not understood
-        return true;
+        return;
     m_Lines.Unread();
-    return ReadDevice(*embedded);
+    ReadDevice(*embedded);
 }
 
-bool DescriptionReader::ReadListed(CUPnPDevice& parent)
+void DescriptionReader::ReadListed(CUPnPDevice& parent)
 {
     CUPnPService* const service = m_Builder.AddService(parent);
     if (service == nullptr)
-        return true;
+        return;
     m_Lines.Unread();
-    return ReadService(*service);
+    ReadService(*service);
 }
 
 /// Where a service is controlled: what its control URL leaves out comes from the next URL that has it.
@@ -163,30 +178,27 @@ URLParts ControlAddress(CUPnPService& service)
     return address;
 }
 
-bool DescriptionReader::ReadService(CUPnPService& service)
+void DescriptionReader::ReadService(CUPnPService& service)
 {
     bool opened = false;
     while (NextLine()) {
         opened = opened || m_Lines.Begins("<service>");
         if (!opened)
             continue;
-        if (m_Lines.Contains("</service>"))
+        if (m_Lines.Closes("service"))
             break;
         ReadFields(service, DescriptionBuilder::ServiceFields());
     }
-    DescriptionBuilder::SetControlAddress(service, ControlAddress(service));
-    return DescriptionBuilder::Finish(service);
+    m_Builder.SetControlAddress(service, ControlAddress(service));
 }
 
 template <typename Node, typename Fields>
 void DescriptionReader::ReadFields(Node& node, const Fields& fields)
 {
-    if (!m_Lines.Contains("</"))
-        return;
     for (const auto& field : fields) {
         std::string_view value;
         if (ReadText(m_Lines, field.element, value))
-            field.text(node) = Widen(value);
+            m_Builder.Keep(field.text(node), Widen(value));
     }
 }
 
@@ -254,9 +266,8 @@ std::size_t ClassicGatewayDialect::FindStatus(std::string_view response) const
 
 void ClassicGatewayDialect::ReadDescription(CUPnPDevice& device, std::string_view document) const
 {
-    const char* position = document.data();
-    int remaining = static_cast<int>(document.size());
-    device.BuildDevice(position, remaining);
+    DocumentLines lines(document.data(), static_cast<int>(document.size()));
+    DescriptionReader::Read(device, lines);
 }
 
 void ClassicGatewayDialect::ReadAnswer(ActionAnswer& answer, std::string_view body) const
@@ -269,8 +280,6 @@ void ClassicGatewayDialect::ReadAnswer(ActionAnswer& answer, std::string_view bo
     while (lines.Next()) {
         std::string_view value;
         const auto read = [&](std::string_view element) { return ReadText(lines, element, value); };
-        if (!lines.Contains("</"))
-            continue;
         if (answer.status != 200) {
             if (read("errorcode"))
                 answer.errorCode = Widen(value);
@@ -308,17 +317,17 @@ const UPnPDialect& ClassicDialect()
 void CUPnPDevice::BuildDevice(const char*& position, int& remaining)
 {
     tavronet::DocumentLines lines(position, remaining);
-    if (!tavronet::DescriptionReader(lines).ReadDevice(*this))
-        return; // an event has deleted this device
+    tavronet::DescriptionReader::Read(*this, lines);
     position = lines.Position();
     remaining = lines.Remaining();
+    tavronet::DescriptionBuilder::RaiseEvents(*this);
 }
 
 void CUPnPService::BuildService(const char*& position, int& remaining)
 {
     tavronet::DocumentLines lines(position, remaining);
-    if (!tavronet::DescriptionReader(lines).ReadService(*this))
-        return;
+    tavronet::DescriptionReader::Read(*this, lines);
     position = lines.Position();
     remaining = lines.Remaining();
+    tavronet::DescriptionBuilder::RaiseEvents(*this);
 }

@@ -15,8 +15,13 @@ inline constexpr int kMaxDeviceDepth = 32;
 /// Embedded devices and services of one description. Real gateways have about ten.
 inline constexpr int kMaxDescriptionNodes = 1024;
 
-/// Tags of an XML document. A loaded element takes many times the room of its text; 1024 nodes with all their texts
-/// have half as many.
+/// What the trees of all descriptions of the process may keep together, and how much each may keep whatever the others
+/// do: 128 ordinary gateways fit beside hostile ones. An ordinary tree keeps about 12 KiB.
+inline constexpr std::size_t kMaxTreeBytes = 3 * 1024 * 1024;
+inline constexpr std::size_t kOrdinaryTreeBytes = 32 * 1024;
+
+/// Tags and attributes of an XML document: its characters '<' and '='. A loaded element takes many times the room of
+/// its text; 1024 nodes with all their texts have half as many.
 inline constexpr int kMaxXmlTags = 32768;
 
 /// One text of a description or an answer; real ones have up to 300 bytes. A URL is joined with those of each node.
@@ -55,7 +60,8 @@ inline constexpr DWORD kVerifySpacingMs = 10000;
 inline constexpr std::size_t kMaxHttpResponseBytes = 1024 * 1024;
 
 /// What all responses of a thread that are still arriving may hold together, and how much each may hold whatever the
-/// others do: an ordinary answer arrives while many large ones are under way.
+/// others do: an ordinary answer arrives while many large ones are under way. Responses of the ordinary length
+/// together, or a single longer one, are read in one round of the thread's loop.
 inline constexpr std::size_t kMaxHeldResponseBytes = 4 * 1024 * 1024;
 inline constexpr std::size_t kOrdinaryResponseBytes = 64 * 1024;
 

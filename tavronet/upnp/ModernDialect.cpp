@@ -161,18 +161,21 @@ bool IsNode(const std::string& name)
 class TreeReader
 {
 public:
-    TreeReader(CUPnPDevice& root, const pugi::xml_document& document) : m_Root(root), m_Document(document) {}
+    TreeReader(CUPnPDevice& root, const pugi::xml_document& document)
+        : m_Root(root), m_Document(document), m_Builder(root)
+    {
+    }
 
     void Run();
 
 private:
     pugi::xml_node FindFirst(const char* name) const;
-    bool ReadContents(CUPnPDevice& device, const pugi::xml_node& node, int depth);
-    bool ReadEmbedded(CUPnPDevice& parent, const pugi::xml_node& node, int depth);
-    bool ReadService(CUPnPDevice& parent, const pugi::xml_node& node);
+    void ReadContents(CUPnPDevice& device, const pugi::xml_node& node, int depth);
+    void ReadEmbedded(CUPnPDevice& parent, const pugi::xml_node& node, int depth);
+    void ReadService(CUPnPDevice& parent, const pugi::xml_node& node);
 
     template <typename Node, typename Fields>
-    static void ReadFields(Node& target, const Fields& fields, const pugi::xml_node& node, int depth = 0);
+    void ReadFields(Node& target, const Fields& fields, const pugi::xml_node& node, int depth = 0);
 
     CUPnPDevice& m_Root;
     const pugi::xml_document& m_Document;
@@ -186,7 +189,7 @@ void TreeReader::Run()
     m_RootNode = FindFirst("device");
     CString& base = DescriptionBuilder::URLBase(m_Root);
     if (base.IsEmpty())
-        base = TextOf(FindFirst("urlbase"));
+        m_Builder.Keep(base, TextOf(FindFirst("urlbase")));
     m_Base = ModernDialect().SplitURL(m_Root.GetDescURL());
     if (!base.IsEmpty())
         m_Base = Resolve(m_Base, base);
@@ -194,8 +197,8 @@ void TreeReader::Run()
     // Without any device the document itself is taken for one.
     const pugi::xml_node own = m_RootNode ? m_RootNode : static_cast<const pugi::xml_node&>(m_Document);
     ReadFields(m_Root, DescriptionBuilder::DeviceFields(), own);
-    if (ReadContents(m_Root, m_Document, 0))
-        DescriptionBuilder::Finish(m_Root);
+    ReadContents(m_Root, m_Document, 0);
+    m_Builder.Finish();
 }
 
 pugi::xml_node TreeReader::FindFirst(const char* name) const
@@ -210,7 +213,7 @@ pugi::xml_node TreeReader::FindFirst(const char* name) const
 template <typename Node, typename Fields>
 void TreeReader::ReadFields(Node& target, const Fields& fields, const pugi::xml_node& node, int depth)
 {
-    if (depth > kMaxXmlDepth)
+    if (depth > kMaxXmlDepth || m_Builder.Full())
         return;
     for (const pugi::xml_node& child : node.children()) {
         const std::string name = LocalName(child);
@@ -219,56 +222,52 @@ void TreeReader::ReadFields(Node& target, const Fields& fields, const pugi::xml_
         const auto field =
             std::ranges::find(fields, std::string_view(name), [](const auto& f) { return f.element; });
         if (field != fields.end() && field->text(target).IsEmpty())
-            field->text(target) = TextOf(child);
+            m_Builder.Keep(field->text(target), TextOf(child));
         ReadFields(target, fields, child, depth + 1);
     }
 }
 
-/// Reads the nodes below `node` into the device. @return whether the device is still there.
-bool TreeReader::ReadContents(CUPnPDevice& device, const pugi::xml_node& node, int depth)
+/// Reads the nodes below `node` into the device.
+void TreeReader::ReadContents(CUPnPDevice& device, const pugi::xml_node& node, int depth)
 {
     if (depth > kMaxXmlDepth)
-        return true;
-    const LifetimeGuard guard(device);
+        return;
     for (const pugi::xml_node& child : node.children()) {
+        if (m_Builder.Full())
+            return;
         const std::string name = LocalName(child);
         if (name.empty())
             continue;
-        bool goOn = true;
+        if (name == "device" && child != m_RootNode) {
+            ReadEmbedded(device, child, depth);
+            continue;
+        }
         if (name == "service")
-            goOn =
-                ReadService(device, child) && ReadContents(device, child, depth + 1); // when it is not closed
-        else if (name == "device" && child != m_RootNode)
-            goOn = ReadEmbedded(device, child, depth);
-        else
-            goOn = ReadContents(device, child, depth + 1);
-        if (!goOn || !guard.Alive())
-            return false;
+            ReadService(device, child);
+        ReadContents(device, child, depth + 1); // of a service, too: it may not be closed
     }
-    return true;
 }
 
-bool TreeReader::ReadEmbedded(CUPnPDevice& parent, const pugi::xml_node& node, int depth)
+void TreeReader::ReadEmbedded(CUPnPDevice& parent, const pugi::xml_node& node, int depth)
 {
     CUPnPDevice* const device = m_Builder.AddDevice(parent);
     if (device == nullptr)
-        return true;
+        return;
     DescriptionBuilder::MarkAsDevice(*device);
     ReadFields(*device, DescriptionBuilder::DeviceFields(), node);
-    return ReadContents(*device, node, depth + 1) && DescriptionBuilder::Finish(*device);
+    ReadContents(*device, node, depth + 1);
 }
 
-bool TreeReader::ReadService(CUPnPDevice& parent, const pugi::xml_node& node)
+void TreeReader::ReadService(CUPnPDevice& parent, const pugi::xml_node& node)
 {
     CUPnPService* const service = m_Builder.AddService(parent);
     if (service == nullptr)
-        return true;
+        return;
     DescriptionBuilder::MarkAsService(*service);
     ReadFields(*service, DescriptionBuilder::ServiceFields(), node);
-    DescriptionBuilder::SetControlAddress(*service, Resolve(m_Base, service->GetControlURL()));
+    m_Builder.SetControlAddress(*service, Resolve(m_Base, service->GetControlURL()));
     if (IsConnectionService(service->GetType()))
         DescriptionBuilder::MarkAsDevice(m_Root); // a gateway, whatever it calls itself
-    return DescriptionBuilder::Finish(*service);
 }
 
 /// Keeps in `best` the preferred one of the services below `node` that can be sent actions.

@@ -233,7 +233,7 @@ void Repair::CloseTop()
 
 bool LoadXml(std::string_view text, pugi::xml_document& document)
 {
-    if (std::ranges::count(text, '<') > kMaxXmlTags)
+    if (std::ranges::count_if(text, [](char c) { return c == '<' || c == '='; }) > kMaxXmlTags)
         return false;
     if (IsUtf16(text)) {
         document.load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);

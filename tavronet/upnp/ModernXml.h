@@ -17,7 +17,7 @@ inline constexpr int kMaxXmlDepth = 128;
 
 /// Loads a document. What is not well-formed is repaired: missing and crossing end tags, stray characters, text in
 /// front and behind, bytes of another encoding than UTF-8. No DTD is read and no entity but the five of XML itself.
-/// @return false when there is no element in it, or more than kMaxXmlTags.
+/// @return false when there is no element in it, or more than kMaxXmlTags tags and attributes.
 bool LoadXml(std::string_view text, pugi::xml_document& document);
 
 /// The element's name without its prefix, in lower case; empty for anything else.

@@ -1,5 +1,6 @@
 #include "tavronet/upnp/ProtocolText.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "tavronet/upnp/UPnPObject.h"
@@ -26,6 +27,16 @@ bool BehindScheme(std::wstring_view url, std::wstring_view& rest)
         return false;
     rest = url.substr(scheme + 3);
     return true;
+}
+
+/// The name in the closing tag at the end of a line; empty when there is none.
+std::string_view ClosedName(std::string_view lowerLine)
+{
+    if (!lowerLine.ends_with('>'))
+        return {};
+    const std::size_t start = lowerLine.rfind("</");
+    return start == kNotFound ? std::string_view()
+                              : lowerLine.substr(start + 2, lowerLine.size() - start - 3);
 }
 
 } // namespace
@@ -129,10 +140,13 @@ bool DocumentLines::Next()
     const std::size_t length = end - m_Cursor;
     m_RawLine = m_Text.substr(m_Cursor, length); // a zero byte inside ends it early
     m_Line = Trimmed(m_RawLine);
-    if (m_Line.empty()) // a megabyte may hold a million of these
-        m_LowerLine.clear();
-    else
-        m_LowerLine = LowerCased(m_Line);
+    m_LowerLine.clear();
+    m_ClosedName = {};
+    if (!m_Line.empty()) { // a megabyte may hold a million of these, and a hundred thousand others
+        m_LowerLine.assign(m_Line);
+        std::ranges::transform(m_LowerLine, m_LowerLine.begin(), LowerCase<char>);
+        m_ClosedName = ClosedName(m_LowerLine);
+    }
     m_Cursor = end + separator;
     m_Remaining -= static_cast<int>(length + separator);
     return true;

@@ -60,6 +60,8 @@ public:
     {
         return m_LowerLine.size() >= lowerTag.size() && FindText(m_LowerLine, lowerTag) != std::string::npos;
     }
+    /// Whether the line contains the closing tag of this element, in lines that end behind the first closing tag.
+    bool Closes(std::string_view lowerName) const { return m_ClosedName == lowerName; }
 
     /// Behind the last line taken.
     const char* Position() const { return m_pText + m_Cursor; }
@@ -94,6 +96,7 @@ private:
     std::string_view m_RawLine;
     std::string_view m_Line;
     std::string m_LowerLine;
+    std::string_view m_ClosedName; // of the line; one that ends behind its first closing tag has no other
 };
 
 } // namespace tavronet

@@ -3,6 +3,7 @@
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
 #include "tavronet/upnp/Limits.h"
+#include "tavronet/upnp/TreeBytes.h"
 #include "tavronet/upnp/UPnPDialect.h"
 
 namespace

@@ -15,6 +15,11 @@
 class CUPnPDeviceSocket;
 class CUPnPService;
 
+namespace tavronet
+{
+class TreeBytes;
+}
+
 /// One device: where it was heard from, what its description says, and the port mappings made through it.
 ///
 /// Ownership: the network owns root devices, a device its embedded devices, services and mapping records.
@@ -95,9 +100,8 @@ public:
     /// that is cut short is asked for once more, where the dialect notices.
     void RequestDescription();
 
-    /// Reads one device's part of a description that has a tag a line, and raises its events.
-    /// @param position, remaining where to read; advanced past what was read, unless an event deletes the
-    /// device.
+    /// Reads one device's part of a description that has a tag a line, then raises its events.
+    /// @param position, remaining where to read; advanced past what was read before the first event.
     void BuildDevice(const char*& position, int& remaining);
 
     /// The first service of exactly this type at or below the device, null when there is none.
@@ -315,6 +319,7 @@ private:
     CString m_ModelDescription;
     CString m_ModelName;
     CString m_UDN;
+    std::unique_ptr<tavronet::TreeBytes> m_pTreeBytes; // of a root that has been read
 
     // the last saved answer
     int m_CmndRespCode = 0;

@@ -5,6 +5,7 @@
 
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/upnp/DescriptionBuilder.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDeviceSocket.h"
 #include "tavronet/upnp/UPnPDialect.h"
@@ -34,6 +35,9 @@ void CUPnPDevice::ProcessHTML(CUPnPHTTPSocket* socket, const char*, int, const c
     if (described) // a tree is never built twice
         return;
     tavronet::DialectOf(*this).ReadDescription(*this, {body, static_cast<std::size_t>(bodyLength)});
+    if (socket == nullptr)
+        tavronet::DescriptionBuilder::RaiseEvents(
+            *this); // otherwise by the socket, which frees the response before
 }
 
 CUPnPService* CUPnPDevice::FindService(const char* type)

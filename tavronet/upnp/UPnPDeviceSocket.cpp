@@ -1,6 +1,7 @@
 #include "tavronet/upnp/UPnPDeviceSocket.h"
 
 #include "tavronet/platform/TextConversion.h"
+#include "tavronet/upnp/DescriptionBuilder.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDialect.h"
 
@@ -29,4 +30,9 @@ void CUPnPDeviceSocket::OnConnect(int error)
 void CUPnPDeviceSocket::ReleaseSocket()
 {
     m_pUPnPDevice->ReleaseUPnPDeviceSocket(this);
+}
+
+void CUPnPDeviceSocket::OnResponseRead()
+{
+    tavronet::DescriptionBuilder::RaiseEvents(*m_pUPnPDevice);
 }

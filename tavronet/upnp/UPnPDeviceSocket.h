@@ -18,6 +18,8 @@ protected:
     /// Sends the request; a failed connect releases the socket.
     void OnConnect(int error) override;
     void ReleaseSocket() override;
+    /// Raises the events of what was described.
+    void OnResponseRead() override;
 
 private:
     CUPnPDevice* m_pUPnPDevice; // not owned

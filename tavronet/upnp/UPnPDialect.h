@@ -108,9 +108,8 @@ public:
     /// Where the blank in front of the status number stands in a response; npos when there is none.
     virtual std::size_t FindStatus(std::string_view response) const = 0;
 
-    /// Fills `device` from its description: builds embedded devices and services, sets their control
-    /// addresses and raises their events, each device's after those of what it contains. Runs foreign code;
-    /// returns early when it deletes the device.
+    /// Fills `device` from its description: builds embedded devices and services and sets their control
+    /// addresses. Their events are due then (DescriptionBuilder::RaiseEvents).
     /// @param document a zero byte stands behind it.
     virtual void ReadDescription(CUPnPDevice& device, std::string_view document) const = 0;
 

@@ -163,6 +163,7 @@ private:
     UINT m_CancelledWaits = 0;
     CUPnPNetwork* const m_pUPnPNetwork; // not owned
     ReadAs m_ReadAs = ReadAs::Unknown;
+    bool m_EventDue = false; // it has been read, and its event is not raised yet
 };
 
 #endif

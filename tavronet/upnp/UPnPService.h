@@ -23,8 +23,8 @@ public:
     explicit CUPnPService(CUPnPDevice* parent = nullptr);
     ~CUPnPService() override;
 
-    /// Reads one service block of a description and raises UPnPEventServiceDescribed at its end.
-    /// @param position,remaining advanced past what was read, unless the service was destroyed by the event.
+    /// Reads one service block of a description, then raises UPnPEventServiceDescribed.
+    /// @param position,remaining advanced past what was read before the event.
     void BuildService(const char*& position, int& remaining);
 
     /// Sends an action: text pairs (argument name, value), ended by a null pointer (nullptr, not 0).
