@@ -189,4 +189,37 @@ TEST(EndlessTable, IsReadToItsLastIndexOrAsLongAsItsTextsAreShort)
     }
 }
 
+void Register(HostileClient& client)
+{
+    const std::string name = std::to_string(client.nodes);
+    client.network.NewUPnPDevice(MakeRecord(
+        &client.network, {.source = "", .location = client.server.Url("/" + name), .usn = "uuid:" + name}));
+}
+
+TEST(SilentGateways, KeepNothingBelowTheWaitsInTheirEvents)
+{
+    const std::string large = HttpAnswer(Description() + "<!--" + std::string(1000000, 'x') + "-->");
+    for (const int dialect : {UPnPDialectClassic, UPnPDialectModern}) {
+        tavronet::Meter meter;
+        HostileClient client(dialect);
+        client.server.AnswerBy([&](const std::string& request) {
+            return ScriptedServer::Reply(request.starts_with("GET") ? large : "", false);
+        });
+        client.network.SetUPnPEventCallback([](void* raw, unsigned int code, CUPnPObject* node) {
+            auto& host = *static_cast<HostileClient*>(raw);
+            if (code != UPnPEventDeviceDescribed || node->ParentDepth() != 0)
+                return;
+            if (++host.nodes < 20) { // waits inside each other, before their connections end
+                Register(host);
+                static_cast<CUPnPDevice*>(node)->GetExternalIPAddress(nullptr);
+            }
+            for (std::size_t i = 0; i < host.server.Connections(); ++i)
+                host.server.End(i);
+        });
+        Register(client);
+        EXPECT_TRUE(meter.Run(20000, [&] { return client.nodes == 20; }));
+        meter.Check(100);
+    }
+}
+
 } // namespace

@@ -1,9 +1,13 @@
 // What gateways write, read in both dialects: how an answer is framed, what it says, and where a description has the
 // service controlled that maps ports.
 
+#include <optional>
 #include <regex>
+#include <thread>
 
 #include "GatewayRecords.h"
+#include "tavronet/upnp/Limits.h"
+#include "tavronet/upnp/ResponseDesk.h"
 #include "tavronet/upnp/UPnPDialect.h"
 
 namespace
@@ -175,6 +179,52 @@ TEST(Description, ControlAddressesAreCompletedFromTheNextURLThatCan)
         EXPECT_EQ(ControlAddress(ClassicDialect(), document), classic);
         EXPECT_EQ(ControlAddress(ModernDialect(), document), modern);
     }
+}
+
+TEST(Description, AllTreesTogetherKeepNoMoreThanTheyMay)
+{
+    const std::string type =
+        "<device>\n<deviceType>" + std::string(kGatewayType) + "</deviceType>\n<serviceList>\n";
+    const std::string base = "<URLBase>http://gw/" + std::string(1900, 'b') + "/</URLBase>\n";
+    std::string large = type;
+    for (int i = 0; i < 500; ++i)
+        large += "<service>\n<controlURL>c</controlURL>\n</service>\n";
+    for (const auto* const dialect : {&ClassicDialect(), &ModernDialect()}) {
+        std::vector<std::unique_ptr<CUPnPDevice>> all;
+        const auto reads = [&](const std::string& document) {
+            all.emplace_back(MakeRecord(nullptr, {.location = "http://gw:5000/"}));
+            dialect->ReadDescription(*all.back(), document);
+            return all.back()->DiscoverComplete();
+        };
+        EXPECT_EQ(reads(base + large), dialect == &ClassicDialect()) << "the other joins 4 MiB of addresses";
+        int fitting = 0;
+        while (fitting < 20 && reads(large))
+            ++fitting;
+        EXPECT_TRUE(fitting > 0 && fitting < 20) << fitting;
+        for (std::size_t i = 0; i < tavronet::kMaxDevices; ++i)
+            EXPECT_TRUE(reads(type)) << "an ordinary one beside them";
+    }
+}
+
+TEST(Response, ARoundReadsOneLongOneOrAsManyAsAreTogetherOrdinary)
+{
+    DispatchPending();
+    const std::size_t ordinary = tavronet::kOrdinaryResponseBytes;
+    const std::size_t sizes[] = {ordinary / 2, ordinary / 2, 1, 9 * ordinary, 9 * ordinary, 5, 7, 8};
+    std::optional<tavronet::ResponsePlace> places[std::size(sizes)];
+    std::string read;
+    for (std::size_t i = 0; i < std::size(sizes); ++i) {
+        places[i].emplace().Hold(sizes[i]);
+        places[i]->Read([&read, i] { read += std::to_string(i); });
+    }
+    places[6].reset(); // before its turn
+    for (int round = 0; round < 5; ++round, read += " ")
+        DispatchRound();
+    EXPECT_EQ(read, "012 3 4 57  ");
+
+    std::thread([&] { places[6].emplace().Hold(100); }).join();
+    places[6].reset(); // after its thread
+    EXPECT_TRUE(places[3]->HasRoom());
 }
 
 } // namespace
