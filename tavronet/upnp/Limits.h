@@ -16,8 +16,9 @@ inline constexpr int kMaxDeviceDepth = 32;
 inline constexpr int kMaxDescriptionNodes = 1024;
 
 /// What the trees of all descriptions of the process may keep together, and how much each may keep whatever the others
-/// do: 128 ordinary gateways fit beside hostile ones. An ordinary tree keeps about 12 KiB.
-inline constexpr std::size_t kMaxTreeBytes = 3 * 1024 * 1024;
+/// do: 128 ordinary gateways fit beside hostile ones. The tree of a small gateway keeps 12 KiB, that of one with all its
+/// interfaces 31 KiB.
+inline constexpr std::size_t kMaxTreeBytes = 2 * 1024 * 1024;
 inline constexpr std::size_t kOrdinaryTreeBytes = 32 * 1024;
 
 /// Tags and attributes of an XML document: its characters '<' and '='. A loaded element takes many times the room of
@@ -62,7 +63,7 @@ inline constexpr std::size_t kMaxHttpResponseBytes = 1024 * 1024;
 /// What all responses of a thread that are still arriving may hold together, and how much each may hold whatever the
 /// others do: an ordinary answer arrives while many large ones are under way. Responses of the ordinary length
 /// together, or a single longer one, are read in one round of the thread's loop.
-inline constexpr std::size_t kMaxHeldResponseBytes = 4 * 1024 * 1024;
+inline constexpr std::size_t kMaxHeldResponseBytes = 2 * 1024 * 1024;
 inline constexpr std::size_t kOrdinaryResponseBytes = 64 * 1024;
 
 /// The whole life of an HTTP connection: a peer that sends a byte now and then is never idle.

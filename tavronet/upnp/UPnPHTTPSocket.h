@@ -25,7 +25,7 @@ class ResponsePlace;
 /// During a notification: the object reads the response, which is then freed, and may raise host events; the host
 /// may then do anything, including the deletion of this socket, its object and the network.
 /// Bounds: a response of more than 1 MiB counts as none, and so does one that takes longer than 60 s. All that
-/// have not been read hold 4 MiB together; one beyond 64 KiB that would exceed this counts as none, too. A round of
+/// have not been read hold 2 MiB together; one beyond 64 KiB that would exceed this counts as none, too. A round of
 /// the thread's loop reads one response, or several of 64 KiB together; the others are read in later rounds.
 class TAVRONET_API CUPnPHTTPSocket : public CUPnPSocket
 {

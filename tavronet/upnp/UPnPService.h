@@ -2,7 +2,7 @@
 #define TAVRONET_UPNP_UPNPSERVICE_H
 
 #include <cstdarg>
-#include <deque>
+#include <list>
 #include <vector>
 
 #include "tavronet/upnp/UPnPObject.h"
@@ -121,7 +121,7 @@ private:
     BlockingCall* m_pBlockingCall = nullptr;        // the frame that waits for it, not owned
     CString m_Command;
     std::vector<CString> m_CommandParams;
-    std::deque<QueuedCommand> m_QueuedCommands; // oldest first
+    std::list<QueuedCommand> m_QueuedCommands; // oldest first; takes no memory while there are none
 
     // the last answer
     int m_ResponseCode = 0;
