@@ -72,6 +72,10 @@ inline constexpr DWORD kMaxHttpConnectionAgeMs = 60000;
 /// Registered devices. Answers can come from forged sources, and each new one costs a connection.
 inline constexpr std::size_t kMaxDevices = 128;
 
+/// In a full registry a device that has not been heard from for this long makes room: whoever is there answers the
+/// searches of two full discoveries. One that holds recorded mappings stays, since those are looked up.
+inline constexpr DWORD kReplaceableSilenceMs = 600000;
+
 /// Devices whose description has not been read: so many connections may be open for answers nobody vouches for.
 inline constexpr std::size_t kMaxUndescribedDevices = 16;
 

@@ -48,6 +48,7 @@ void CUPnPDevice::Init(const char* localAddress, const char* deviceAddress, unsi
     const bool told = ParseValue(Narrow(GetCacheControl()), "max-age", seconds);
     m_MaxAge = told ? seconds : 0;
     m_Expires = told ? ExpiryOf(seconds) : 0;
+    m_HeardTick = GetTickCount();
 }
 
 void CUPnPDevice::ParseUSN()
@@ -115,6 +116,7 @@ bool CUPnPDevice::DiscoverComplete()
 void CUPnPDevice::SetMaxAge(int seconds)
 {
     m_MaxAge = seconds;
+    m_HeardTick = GetTickCount();
     SetExpires();
     if (seconds >= 0)
         SetIssuedRediscover(false);
@@ -137,6 +139,25 @@ void CUPnPDevice::SetIssuedRediscover(bool issued)
     m_IssuedRediscover = issued;
     m_IssuedRediscoverTick = issued ? GetTickCount() : 0;
     m_RediscoverAttempt = issued ? m_RediscoverAttempt + 1 : 0;
+}
+
+/// Whether a full registry may give its place to another device.
+bool CUPnPDevice::IsReplaceable() const
+{
+    return ElapsedMs(GetTickCount(), m_HeardTick) > tavronet::kReplaceableSilenceMs && !m_InCommand &&
+           !HoldsMappings();
+}
+
+bool CUPnPDevice::HoldsMappings() const
+{
+    if (!m_PortMaps.empty() || !m_IndivPortMapRecords.empty())
+        return true;
+    for (int i = 0; static_cast<std::size_t>(i) < NumUPnPObjects(); ++i) {
+        const auto* const child = dynamic_cast<const CUPnPDevice*>(GetUPnPObject(i));
+        if (child != nullptr && child->HoldsMappings())
+            return true;
+    }
+    return false;
 }
 
 CString CUPnPDevice::GetDescAddr()

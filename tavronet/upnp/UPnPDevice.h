@@ -249,6 +249,8 @@ private:
     CUPnPDevice& Root();
     const CString& NearestDescURL() const;
     void SetExpires();
+    bool IsReplaceable() const;
+    bool HoldsMappings() const;
 
     /// The "uuid:" part of a text, empty when it has none.
     static CString UUIDPart(const char* usn);
@@ -308,8 +310,9 @@ private:
     CString m_UUID;
     CString m_URN;
     CString m_EXT;
-    int m_MaxAge = -1;   // seconds
-    DWORD m_Expires = 0; // tick
+    int m_MaxAge = -1;     // seconds
+    DWORD m_Expires = 0;   // tick
+    DWORD m_HeardTick = 0; // of the last sign of life; the root's
 
     // from the description
     CString m_URLBase;

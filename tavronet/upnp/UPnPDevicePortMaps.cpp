@@ -100,6 +100,7 @@ void CUPnPDevice::SaveCommandResponse(CUPnPService* service)
     m_CmndRespCode = service->GetResponseCode();
     m_CmndErrorCode = service->GetErrorCode();
     m_CmndErrorDescription = service->GetErrorDescription();
+    Root().m_HeardTick = GetTickCount();
     ResetLastVerifyTimes();
 }
 

@@ -173,7 +173,7 @@ void CUPnPNetwork::Tickle()
     const bool searching = ElapsedMs(now, m_DiscoverTick) < tavronet::kDiscoverPeriodMs;
     if (searching && ElapsedMs(now, m_RediscoverTick) >= tavronet::kRediscoverSpacingMs)
         Rediscover();
-    if (!TickleDevices(complete))
+    if (!TickleDevices(complete) || !MakeRoom())
         return;
     if (m_bSearch && ElapsedMs(GetTickCount(), m_DiscoverTick) > tavronet::kFullDiscoveryMs)
         Discover();
@@ -193,19 +193,42 @@ bool CUPnPNetwork::TickleDevices(bool discoverComplete)
             return false;
         if (!deviceGuard.Alive())
             continue;
-        if (!keep) {
-            ReleaseUPnPDevice(device);
-            if (!guard.Alive())
-                return false;
-            Rediscover();
-            return true; // the devices behind it wait for the next tickle
-        }
+        if (!keep)
+            return Drop(device); // the devices behind it wait for the next tickle
         if (discoverComplete && !device->GetIssuedRediscover() && device->Expired())
             SearchForExpired(*device);
         if (!guard.Alive())
             return false;
     }
     return true;
+}
+
+/// Releases a device and searches for what may be there in its stead. @return false when the network is gone.
+bool CUPnPNetwork::Drop(CUPnPDevice* device)
+{
+    const tavronet::LifetimeGuard guard(*this);
+    ReleaseUPnPDevice(device);
+    if (!guard.Alive())
+        return false;
+    Rediscover();
+    return true;
+}
+
+/// Drops the device that has been silent for longest, if all places are taken: those who took them and went
+/// away shall not keep out a gateway that comes later. @return false when the network is gone.
+bool CUPnPNetwork::MakeRoom()
+{
+    if (m_Devices.size() < tavronet::kMaxDevices)
+        return true;
+    const DWORD now = GetTickCount();
+    CUPnPDevice* silent = nullptr;
+    for (CUPnPDevice* const device : m_Devices) {
+        const bool longer =
+            silent == nullptr || ElapsedMs(now, device->m_HeardTick) > ElapsedMs(now, silent->m_HeardTick);
+        if (longer && device->IsReplaceable())
+            silent = device;
+    }
+    return silent == nullptr || Drop(silent);
 }
 
 void CUPnPNetwork::SearchForExpired(CUPnPDevice& device)

@@ -32,7 +32,8 @@ enum UPnPDialectCode
 /// Events: the callback runs on that thread, inside the call that raised the event. There, and in any message
 /// handled while an operation waits, the host may do anything: release devices, delete the network, start
 /// operations, throw. Nothing freed is touched afterwards and no state stays half set.
-/// Bounds: 128 devices, 16 of them without a description; further answers are dropped.
+/// Bounds: 128 devices, 16 of them without a description; further answers are dropped. While all places are
+/// taken, each Tickle drops a device that has been silent for 10 minutes and holds no mappings.
 class TAVRONET_API CUPnPNetwork : public tavronet::Lifetime
 {
 public:
@@ -120,6 +121,8 @@ private:
     bool IsBeingReleased(const CUPnPDevice* device) const;
     void Unregister(CUPnPDevice* device);
     bool TickleDevices(bool discoverComplete);
+    bool Drop(CUPnPDevice* device);
+    bool MakeRoom();
     void SearchForExpired(CUPnPDevice& device);
     CUPnPSSDPSocket* FindSSDPSocket(const CString& address) const;
     void ReleaseUPnPDevices();
