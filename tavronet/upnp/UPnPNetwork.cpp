@@ -87,7 +87,7 @@ CUPnPNetwork::CUPnPNetwork(UPnPEventCallback callback, void* context, int dialec
 
 CUPnPNetwork::~CUPnPNetwork()
 {
-    ReleaseUPnPSSDPSockets();
+    m_SSDPSockets.clear();
     ReleaseUPnPDevices();
 }
 
@@ -95,8 +95,7 @@ CUPnPNetwork::~CUPnPNetwork()
 
 void CUPnPNetwork::Discover()
 {
-    ReleaseUPnPSSDPSockets();
-
+    std::vector<std::unique_ptr<CUPnPSSDPSocket>> sockets; // the old ones stay when this is not completed
     std::vector<CStringW> addresses;
     GetLocalAddresses(addresses);
     for (const CStringW& address : addresses) {
@@ -104,17 +103,16 @@ void CUPnPNetwork::Discover()
             continue;
         auto socket = std::make_unique<CUPnPSSDPSocket>(Narrow(address), 0, this);
         socket->Discover();
-        if (!socket->GetCreated())
-            continue;
-        m_SSDPSockets.push_back(socket.get());
-        socket.release();
+        if (socket->GetCreated())
+            sockets.push_back(std::move(socket));
     }
+    m_SSDPSockets.swap(sockets);
     m_RediscoverTick = m_DiscoverTick = GetTickCount();
 }
 
 void CUPnPNetwork::Rediscover()
 {
-    for (CUPnPSSDPSocket* const socket : m_SSDPSockets)
+    for (const auto& socket : m_SSDPSockets)
         socket->Discover();
     m_RediscoverTick = GetTickCount();
 }
@@ -143,15 +141,9 @@ const tavronet::UPnPDialect& CUPnPNetwork::Dialect() const
 
 CUPnPSSDPSocket* CUPnPNetwork::FindSSDPSocket(const CString& address) const
 {
-    const auto found = std::ranges::find(m_SSDPSockets, address, &CUPnPSSDPSocket::GetIpAddr);
-    return found != m_SSDPSockets.end() ? *found : nullptr;
-}
-
-void CUPnPNetwork::ReleaseUPnPSSDPSockets()
-{
-    for (CUPnPSSDPSocket* const socket : m_SSDPSockets)
-        delete socket;
-    m_SSDPSockets.clear();
+    const auto reaches = [&](const auto& socket) { return socket->GetIpAddr() == address; };
+    const auto found = std::ranges::find_if(m_SSDPSockets, reaches);
+    return found != m_SSDPSockets.end() ? found->get() : nullptr;
 }
 
 // --- Upkeep

@@ -2,6 +2,7 @@
 #define TAVRONET_UPNP_UPNPNETWORK_H
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "tavronet/platform/Lifetime.h"
@@ -126,9 +127,8 @@ private:
     void SearchForExpired(CUPnPDevice& device);
     CUPnPSSDPSocket* FindSSDPSocket(const CString& address) const;
     void ReleaseUPnPDevices();
-    void ReleaseUPnPSSDPSockets();
 
-    std::vector<CUPnPSSDPSocket*> m_SSDPSockets;     // owned, deleted by ReleaseUPnPSSDPSockets
+    std::vector<std::unique_ptr<CUPnPSSDPSocket>> m_SSDPSockets;
     std::vector<CUPnPDevice*> m_Devices;             // owned, deleted by ReleaseUPnPDevice(s)
     std::vector<const CUPnPDevice*> m_BeingReleased; // registered devices whose release event runs
     DWORD m_DiscoverTick = 0;                        // start of the discovery period
