@@ -113,10 +113,11 @@ Node* DescriptionBuilder::Add(CUPnPDevice& parent, Arguments... arguments)
     ++m_Nodes;
     auto node = std::make_unique<Node>(&parent, arguments...);
     CUPnPObject& owner = parent;
-    owner.AddUPnPObject(node.get());
-    CUPnPObject& added = *node;
+    owner.m_UPnPObjects.push_back(node.get()); // without upkeep, which comes to those that are used
+    CUPnPObject& added = *node.release();
     added.m_EventDue = true;
-    return node.release();
+    parent.ForgetNames();
+    return static_cast<Node*>(&added);
 }
 
 CUPnPDevice* DescriptionBuilder::ParentOf(const CUPnPObject& node)
@@ -139,6 +140,8 @@ void DescriptionBuilder::Finish()
     m_Top.m_EventDue = true;
     if (m_Full)
         TakeDown();
+    if (auto* const device = dynamic_cast<CUPnPDevice*>(&m_Top))
+        device->ForgetNames();
 }
 
 void DescriptionBuilder::TakeDown()

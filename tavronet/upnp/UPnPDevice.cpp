@@ -2,6 +2,7 @@
 
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/upnp/DeviceNames.h"
 #include "tavronet/upnp/Limits.h"
 #include "tavronet/upnp/TreeBytes.h"
 #include "tavronet/upnp/UPnPDialect.h"
@@ -53,6 +54,7 @@ void CUPnPDevice::Init(const char* localAddress, const char* deviceAddress, unsi
 
 void CUPnPDevice::ParseUSN()
 {
+    ForgetNames();
     if (m_USN.IsEmpty())
         return;
 
@@ -75,22 +77,59 @@ CString CUPnPDevice::UUIDPart(const char* usn)
 
 bool CUPnPDevice::MatchingDevice(const char* usn)
 {
-    return Matches(CString(usn), UUIDPart(usn));
+    return HasUSN(CString(usn)) || HasUUID(UUIDPart(usn));
 }
 
-bool CUPnPDevice::Matches(const CString& usn, const CString& uuid)
+bool CUPnPDevice::HasUSN(const CString& usn) const
 {
-    if (GetUSN().CompareNoCase(usn) == 0 || GetUUID().CompareNoCase(uuid) == 0 ||
-        m_UDN.CompareNoCase(uuid) == 0)
-        return true;
+    return tavronet::EqualNoCase(GetUSN().View(), usn.View());
+}
 
+bool CUPnPDevice::HasUUID(const CString& uuid) const
+{
+    return tavronet::EqualNoCase(GetUUID().View(), uuid.View()) || HasUDN(uuid);
+}
+
+bool CUPnPDevice::HasUDN(const CString& uuid) const
+{
+    if (tavronet::EqualNoCase(m_UDN.View(), uuid.View()))
+        return true;
     for (int i = 0; static_cast<std::size_t>(i) < NumUPnPObjects(); ++i) {
         // A cast that looks: the type text comes from the network and proves nothing.
-        CUPnPDevice* const child = dynamic_cast<CUPnPDevice*>(GetUPnPObject(i));
-        if (child != nullptr && child->IsDevice() && child->Matches(usn, uuid))
+        const auto* const child = dynamic_cast<const CUPnPDevice*>(GetUPnPObject(i));
+        if (child != nullptr && child->IsDevice() && child->HasUDN(uuid))
             return true;
     }
     return false;
+}
+
+const tavronet::DeviceNames& CUPnPDevice::Names()
+{
+    if (m_pNames == nullptr) {
+        auto names = std::make_unique<tavronet::DeviceNames>();
+        names->Add(m_UUID.View());
+        CollectNames(*names);
+        names->Seal();
+        m_pNames = std::move(names);
+    }
+    return *m_pNames;
+}
+
+void CUPnPDevice::CollectNames(tavronet::DeviceNames& names)
+{
+    names.Add(m_UDN.View());
+    for (int i = 0; static_cast<std::size_t>(i) < NumUPnPObjects(); ++i) {
+        auto* const child = dynamic_cast<CUPnPDevice*>(GetUPnPObject(i));
+        if (child != nullptr && child->IsDevice())
+            child->CollectNames(names);
+        else if (child != nullptr)
+            child->WantUpkeep(); // which gives up a tree with a device that has no type
+    }
+}
+
+void CUPnPDevice::ForgetNames()
+{
+    Root().m_pNames.reset();
 }
 
 bool CUPnPDevice::IsAlive() const
@@ -134,8 +173,15 @@ bool CUPnPDevice::GetIssuedRediscover()
     return m_IssuedRediscover;
 }
 
+void CUPnPDevice::SetRelease(bool release)
+{
+    m_Release = release ? 1 : 0;
+    WantUpkeep();
+}
+
 void CUPnPDevice::SetIssuedRediscover(bool issued)
 {
+    WantUpkeep();
     m_IssuedRediscover = issued;
     m_IssuedRediscoverTick = issued ? GetTickCount() : 0;
     m_RediscoverAttempt = issued ? m_RediscoverAttempt + 1 : 0;
@@ -154,7 +200,7 @@ bool CUPnPDevice::HoldsMappings() const
         return true;
     for (int i = 0; static_cast<std::size_t>(i) < NumUPnPObjects(); ++i) {
         const auto* const child = dynamic_cast<const CUPnPDevice*>(GetUPnPObject(i));
-        if (child != nullptr && child->HoldsMappings())
+        if (child != nullptr && child->WantsUpkeep() && child->HoldsMappings())
             return true;
     }
     return false;

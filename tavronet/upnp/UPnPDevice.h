@@ -18,6 +18,7 @@ class CUPnPService;
 namespace tavronet
 {
 class TreeBytes;
+class DeviceNames;
 }
 
 /// One device: where it was heard from, what its description says, and the port mappings made through it.
@@ -83,7 +84,7 @@ public:
     unsigned int GetRediscoverAttempt() const { return m_RediscoverAttempt; }
 
     /// True: the device refuses operations and is dropped by the next upkeep.
-    void SetRelease(bool release) { m_Release = release ? 1 : 0; }
+    void SetRelease(bool release);
 
     /// A number of the host's; the library never looks at it.
     int GetAppRetry() const { return m_AppRetry; }
@@ -254,8 +255,14 @@ private:
 
     /// The "uuid:" part of a text, empty when it has none.
     static CString UUIDPart(const char* usn);
-    /// MatchingDevice with the text taken apart, so that a walk over many devices does that once.
-    bool Matches(const CString& usn, const CString& uuid);
+    /// MatchingDevice for the two parts of a text.
+    bool HasUSN(const CString& usn) const;
+    bool HasUUID(const CString& uuid) const;
+    bool HasUDN(const CString& uuid) const;
+    /// The root's: the UUID and the UDNs of its tree. Made when they are asked for.
+    const tavronet::DeviceNames& Names();
+    void CollectNames(tavronet::DeviceNames& names);
+    void ForgetNames();
 
     enum class Exchange
     {
@@ -310,9 +317,10 @@ private:
     CString m_UUID;
     CString m_URN;
     CString m_EXT;
-    int m_MaxAge = -1;     // seconds
-    DWORD m_Expires = 0;   // tick
-    DWORD m_HeardTick = 0; // of the last sign of life; the root's
+    std::unique_ptr<const tavronet::DeviceNames> m_pNames; // of a root; null when they may have changed
+    int m_MaxAge = -1;                                     // seconds
+    DWORD m_Expires = 0;                                   // tick
+    DWORD m_HeardTick = 0;                                 // of the last sign of life; the root's
 
     // from the description
     CString m_URLBase;

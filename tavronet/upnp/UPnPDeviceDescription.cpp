@@ -13,6 +13,7 @@
 
 void CUPnPDevice::RequestDescription()
 {
+    WantUpkeep();
     ReleaseUPnPDeviceSockets();
     auto socket = std::make_unique<CUPnPDeviceSocket>("", 0, this);
     if (socket->GetErrorState())

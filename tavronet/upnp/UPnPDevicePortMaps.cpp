@@ -80,6 +80,7 @@ CUPnPDevice::Exchange CUPnPDevice::ServiceCommand(CUPnPService* service, bool wa
     if (m_Release != 0)
         return Exchange::Failed;
 
+    WantUpkeep();
     CommandScope scope(*this);
     const UINT answersBefore = service->GetAnswerSerial();
 

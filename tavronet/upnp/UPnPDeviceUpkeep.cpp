@@ -44,10 +44,15 @@ bool CUPnPDevice::ReleaseStaleSocket()
 
 bool CUPnPDevice::TickleChildren()
 {
+    Root().Names(); // finds the devices that have no type
+    if (!PassesUpkeepOn())
+        return true;
+
     // By index, the size read anew: a child's check may run anything.
     const tavronet::LifetimeGuard guard(*this);
     for (int i = 0; static_cast<std::size_t>(i) < NumUPnPObjects(); ++i) {
-        const bool keep = GetUPnPObject(i)->Tickle();
+        CUPnPObject* const child = GetUPnPObject(i);
+        const bool keep = !child->WantsUpkeep() || child->Tickle();
         if (!guard.Alive() || !keep)
             return false;
     }

@@ -8,6 +8,7 @@
 #include "tavronet/net/LocalInterfaces.h"
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/upnp/DeviceNames.h"
 #include "tavronet/upnp/Limits.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDialect.h"
@@ -292,7 +293,10 @@ int CUPnPNetwork::FindUPnPDevice(const char* usn) const
 {
     const CString wanted(usn);
     const CString uuid = CUPnPDevice::UUIDPart(usn);
-    const auto matches = [&](CUPnPDevice* device) { return device->Matches(wanted, uuid); };
+    const std::uint32_t number = tavronet::DeviceNames::NumberOf(uuid.View());
+    const auto matches = [&](CUPnPDevice* device) {
+        return device->HasUSN(wanted) || (device->Names().MayHold(number) && device->HasUUID(uuid));
+    };
     const auto found = std::ranges::find_if(m_Devices, matches);
     return found != m_Devices.end() ? static_cast<int>(found - m_Devices.begin()) : -1;
 }

@@ -40,6 +40,14 @@ bool CUPnPObject::IsService() const
 void CUPnPObject::AddUPnPObject(CUPnPObject* object)
 {
     m_UPnPObjects.push_back(object);
+    object->WantUpkeep();
+}
+
+void CUPnPObject::WantUpkeep()
+{
+    m_WantsUpkeep = true;
+    for (CUPnPObject* node = m_pParent; node != nullptr; node = node->m_pParent)
+        node->m_WantsUpkeep = node->m_PassesUpkeepOn = true;
 }
 
 CUPnPObject* CUPnPObject::GetUPnPObject(int index) const

@@ -68,6 +68,10 @@ public:
     /// May:     run foreign code.
     virtual bool Tickle() = 0;
 
+    /// Whether this node or one below it may have something to do in Tickle. What a description brought and nobody
+    /// has used has not: a device passes its upkeep over it.
+    bool WantsUpkeep() const { return m_WantsUpkeep; }
+
     /// 0 for a root, one more for each level below it.
     int ParentDepth() const;
 
@@ -121,7 +125,13 @@ protected:
     static UINT GetPortFromURL(const CString& url);
     static CString GetPathFromURL(const CString& url);
 
-    /// Appends a child and takes ownership.
+    /// Has upkeep come to this node from now on.
+    void WantUpkeep();
+
+    /// Whether it has to come to a node below this one.
+    bool PassesUpkeepOn() const { return m_PassesUpkeepOn; }
+
+    /// Appends a child, which gets upkeep, and takes ownership.
     void AddUPnPObject(CUPnPObject* object);
     std::size_t NumUPnPObjects() const { return m_UPnPObjects.size(); }
 
@@ -164,6 +174,8 @@ private:
     CUPnPNetwork* const m_pUPnPNetwork; // not owned
     ReadAs m_ReadAs = ReadAs::Unknown;
     bool m_EventDue = false; // it has been read, and its event is not raised yet
+    bool m_WantsUpkeep = false;
+    bool m_PassesUpkeepOn = false; // to a node below it
 };
 
 #endif

@@ -141,6 +141,7 @@ bool CUPnPService::SendAndWait(HANDLE cancel)
 
 bool CUPnPService::OpenConnection()
 {
+    WantUpkeep();
     m_pServiceSocket = new CUPnPServiceSocket(nullptr, 0, this);
     return !m_pServiceSocket->GetErrorState();
 }
