@@ -221,17 +221,20 @@ struct PortMapList
     std::vector<CUPnPPortMap*> records;
 };
 
-/// Tries every port, whatever becomes of the others; those above the highest that exists have failed already.
+/// Tries every port, whatever becomes of the others, until the caller gives up; those above the highest that
+/// exists have failed already.
 bool DeletePortMaps(CUPnPDevice& device, HANDLE cancel, unsigned int first, unsigned int count,
                     const char* protocol)
 {
     const unsigned long long end = 0ULL + first + count; // the sum may pass 32 bits
+    const CUPnPService* const service = device.FindConnectionService();
+    const UINT cancelledBefore = service != nullptr ? service->GetCancelledWaits() : 0;
     const tavronet::LifetimeGuard guard(device);
     bool all = count == 0 || end - 1 <= tavronet::kHighestPort;
     for (unsigned int port = first; port < end && port <= tavronet::kHighestPort; ++port) {
         if (!device.DeletePortMap(cancel, port, protocol))
             all = false;
-        if (!guard.Alive())
+        if (!guard.Alive() || (service != nullptr && service->GetCancelledWaits() != cancelledBefore))
             return false;
     }
     return all;

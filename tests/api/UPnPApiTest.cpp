@@ -211,6 +211,11 @@ TEST_F(FlatInterface, RangesAreMappedWhereTheyFitAndDeletedUpToTheLastPort)
         {0xFFFFFFFF, 2, kNothing, UPnPFailed, 0},
         {6000, 9, kClose, UPnPFailed, 0},
     };
+    const HANDLE cancelled = CreateEventW(nullptr, 1, 1, nullptr);
+    const auto start = Clock::now();
+    EXPECT_EQ(UPnPDeletePortMappingRange(cancelled, kLocal, 1, 65535, "TCP"), UPnPFailed);
+    EXPECT_LT(Clock::now() - start, 2s) << "no connection for each of the other ports";
+    CloseHandle(cancelled);
     for (const auto& [first, count, handler, result, deletes] : rows) {
         const int before = gateway->Logged("soap DeletePortMapping");
         PostThreadCall(CurrentThreadQueue(), handler, nullptr);
