@@ -239,14 +239,11 @@ void CUPnPNetwork::SearchForExpired(CUPnPDevice& device)
 
 void CUPnPNetwork::NewUPnPDevice(CUPnPDevice* record)
 {
-    if (record == nullptr)
-        return;
-    CUPnPDevice* const match = GetUPnPDevice(record);
-    if (match == record) // registered already, by the host from inside an event
+    if (record == nullptr || IsRegistered(record)) // by the host, from inside an event
         return;
 
     std::unique_ptr<CUPnPDevice> owned(record);
-    if (match != nullptr) {
+    if (CUPnPDevice* const match = GetUPnPDevice(record)) {
         match->SetMaxAge(record->GetMaxAge());
         return;
     }
