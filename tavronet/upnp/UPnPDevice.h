@@ -172,7 +172,8 @@ public:
     /// Deletes each record's mapping until an exchange fails; the records stay and tell by GetDeleted().
     bool DeletePortMaps(void* cancel, std::vector<CUPnPPortMap*>& list);
 
-    /// The same for the device's own lists, which are emptied when the result is true.
+    /// The same for the device's own lists. When the result is true the records of the deleted mappings go; those
+    /// that came into the list meanwhile stay.
     bool DeletePortMaps(void* cancel);
     bool DeleteIndivPortMaps(void* cancel);
 
@@ -295,6 +296,7 @@ private:
     /// still has to check the end of the range, and that the gateway answers at all.
     bool FindAvailableSequentialRange(void* cancel, unsigned int& first, unsigned int count);
     bool DisableBeforeDelete() const;
+    static void ReleaseDeleted(std::vector<CUPnPPortMap*>& list);
     bool DisableLowPorts(void* cancel, std::vector<CUPnPPortMap*>& list);
     void ForgetIndivPortMap(const CUPnPPortMap& record);
 

@@ -265,6 +265,10 @@ bool CUPnPDevice::DisableLowPorts(void* cancel, std::vector<CUPnPPortMap*>& list
 bool CUPnPDevice::DeletePortMaps(void* cancel, std::vector<CUPnPPortMap*>& list)
 {
     CUPnPService* const service = FindConnectionService();
+    for (CUPnPPortMap* const record : list) {
+        if (record != nullptr)
+            record->m_DeleteTold = service == nullptr; // nothing can map ports, so nothing is mapped
+    }
     if (service == nullptr)
         return true;
     if (DisableBeforeDelete() && !DisableLowPorts(cancel, list))
@@ -291,8 +295,10 @@ bool CUPnPDevice::DeletePortMaps(void* cancel, std::vector<CUPnPPortMap*>& list)
 
         SaveCommandResponse(service);
         const bool deleted = service->GetResponseCode() == kAccepted;
-        if (Holds(list, record))
+        if (Holds(list, record)) {
             record->SetDeleted(deleted);
+            record->m_DeleteTold = true;
+        }
         if (deleted)
             m_IndivPortMaps.erase(port);
     }
@@ -303,7 +309,7 @@ bool CUPnPDevice::DeletePortMaps(void* cancel)
 {
     if (!DeletePortMaps(cancel, m_PortMaps))
         return false;
-    ReleasePortMaps(m_PortMaps);
+    ReleaseDeleted(m_PortMaps);
     return true;
 }
 
@@ -311,8 +317,18 @@ bool CUPnPDevice::DeleteIndivPortMaps(void* cancel)
 {
     if (!DeletePortMaps(cancel, m_IndivPortMapRecords))
         return false;
-    ReleasePortMaps(m_IndivPortMapRecords);
+    ReleaseDeleted(m_IndivPortMapRecords);
     return true;
+}
+
+void CUPnPDevice::ReleaseDeleted(std::vector<CUPnPPortMap*>& list)
+{
+    std::erase_if(list, [](const CUPnPPortMap* record) {
+        const bool goes = record == nullptr || record->m_DeleteTold;
+        if (goes)
+            delete record;
+        return goes;
+    });
 }
 
 bool CUPnPDevice::DeletePortMap(void* cancel, unsigned int port, const char* protocol)

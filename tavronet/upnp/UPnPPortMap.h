@@ -60,6 +60,8 @@ public:
     std::size_t TextLength() const;
 
 private:
+    friend class CUPnPDevice;
+
     enum Which
     {
         IndexText,
@@ -84,6 +86,7 @@ private:
         m_pTexts; // one behind the other, each with its zero: a table may have 65536 records
     bool m_Added = false;
     bool m_Deleted = false;
+    bool m_DeleteTold = false; // the delete that goes over its list now has been told what comes of it
 };
 
 #endif
