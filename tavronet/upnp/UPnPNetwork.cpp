@@ -6,8 +6,11 @@
 #include "tavronet/net/AddressRanges.h"
 #include "tavronet/net/AddressText.h"
 #include "tavronet/net/LocalInterfaces.h"
+#include "tavronet/platform/LastError.h"
+#include "tavronet/platform/SocketCalls.h"
 #include "tavronet/platform/TextConversion.h"
 #include "tavronet/platform/TickCount.h"
+#include "tavronet/socket/TavroSocket.h"
 #include "tavronet/upnp/DeviceNames.h"
 #include "tavronet/upnp/Limits.h"
 #include "tavronet/upnp/UPnPDevice.h"
@@ -20,6 +23,15 @@ namespace
 bool IsUsable(const CStringW& localAddress)
 {
     return IsPrivateIP(localAddress) != 0 && !IsLoopbackIP(localAddress);
+}
+
+/// Whether this machine had the address and has it no more. An adapter without a cable keeps its addresses.
+bool IsLost(const CStringW& localAddress)
+{
+    const int family = AddressFamily(Narrow(localAddress));
+    CTavroSocket probe;
+    return family != 0 && probe.Create(0, SOCK_DGRAM, 0, localAddress, family) == 0 &&
+           WSAGetLastError() == WSAEADDRNOTAVAIL;
 }
 
 /// Runs its step at the end of a scope, also when an exception ends it.
@@ -109,6 +121,16 @@ void CUPnPNetwork::Discover()
     }
     m_SSDPSockets.swap(sockets);
     m_RediscoverTick = m_DiscoverTick = GetTickCount();
+    GiveUpLostAddresses();
+}
+
+/// A gateway that was reached through an address which is gone still answers, but its mappings lead nowhere.
+void CUPnPNetwork::GiveUpLostAddresses()
+{
+    for (CUPnPDevice* const device : m_Devices) {
+        if (IsLost(device->GetIpAddr()))
+            device->SetRelease(true);
+    }
 }
 
 void CUPnPNetwork::Rediscover()

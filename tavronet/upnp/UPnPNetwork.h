@@ -49,7 +49,8 @@ public:
     /// Deletes the sockets, then the devices; raises no events and removes no mapping from a gateway.
     virtual ~CUPnPNetwork();
 
-    /// Full discovery: lists the local addresses anew, replaces all discovery sockets, searches on each.
+    /// Full discovery: lists the local addresses anew, replaces all discovery sockets, searches on each. Marks the
+    /// devices for release that were reached through an address which this machine no longer has.
     void Discover();
 
     /// Searches again on every discovery socket.
@@ -121,6 +122,7 @@ private:
     bool IsRegistered(const CUPnPDevice* device) const;
     bool IsBeingReleased(const CUPnPDevice* device) const;
     void Unregister(CUPnPDevice* device);
+    void GiveUpLostAddresses();
     bool TickleDevices(bool discoverComplete);
     bool Drop(CUPnPDevice* device);
     bool MakeRoom();
