@@ -142,12 +142,14 @@ class Command(GatewayCase):
         self.assertEqual(next_event()[0], "gateway_found")
         self.assertEqual(next_event(), ("external_address", "203.0.113.9"))
         for client, end in (("10.77.1.99", "mapping_removed"), (LOCAL, "mapping_lost")):
-            self.said("add", "8080", "--client", client)
+            self.said("add", "8080", "--client", client, "--lease", "600")
             event, mapping = next_event()
             self.assertEqual((event, mapping["external_port"]), ("mapping_added", 8080))
-            self.assertEqual(next_event(skipped=""), ("mappings_verified", 1))
+            for _ in range(12):  # more than a second of the lease
+                self.assertEqual(next_event(skipped=""), ("mappings_verified", 1))
             self.said("delete", "8080")
-            self.assertEqual(next_event(), (end, mapping))
+            event, lost = next_event()
+            self.assertEqual((event, lost["internal_client"]), (end, client))
         gateway.process.send_signal(signal.SIGUSR1)  # it says goodbye and stays
         self.assertEqual([next_event()[0] for _ in range(3)], ["gateway_gone", "gateway_found", "external_address"])
         gateway.stop()

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <limits>
 #include <map>
+#include <tuple>
 
 namespace command
 {
@@ -66,12 +67,31 @@ public:
     }
 
 private:
+    using Place = std::tuple<std::string, unsigned, std::string>; // protocol, port, remote host
+    using Mappings = std::map<Place, Json>;
+
     struct Known
     {
         Json facts;
-        Json mappings = Json::array();
+        Mappings mappings;
         std::string externalAddress;
     };
+
+    static Place PlaceOf(const Json& mapping)
+    {
+        return {mapping.at("protocol").get<std::string>(), mapping.at("external_port").get<unsigned>(),
+                mapping.at("remote_host").get<std::string>()};
+    }
+
+    /// Whether the same mapping stands there; what is left of its lease does not count.
+    static bool Has(const Mappings& mappings, const Place& place, const Json& mapping)
+    {
+        const auto found = mappings.find(place);
+        if (found == mappings.end())
+            return false;
+        const auto same = [&](const char* field) { return found->second.at(field) == mapping.at(field); };
+        return same("internal_client") && same("internal_port") && same("description") && same("enabled");
+    }
 
     static std::string KeyOf(const CUPnPDevice& gateway)
     {
@@ -115,16 +135,18 @@ private:
 
     void CompareMappings(CUPnPDevice& gateway, Known& known)
     {
-        const Json now = ReadMappings(gateway, m_Session.Interrupt());
-        if (now.is_null()) // it is dropped by the upkeep, which tells it gone
+        const Json table = ReadMappings(gateway, m_Session.Interrupt());
+        if (table.is_null()) // it is dropped by the upkeep, which tells it gone
             return;
-        const auto lacks = [](const Json& list, const Json& mapping) {
-            return std::ranges::find(list, mapping) == list.end();
-        };
+        Mappings now;
+        for (const Json& mapping : table)
+            now.try_emplace(PlaceOf(mapping), mapping);
         std::size_t verified = 0;
-        for (const Json& mapping : known.mappings) {
+        for (const auto& [place, mapping] : known.mappings) {
+            if (m_Session.Interrupted()) // a table can have 65536 entries, and each a line
+                return;
             const bool isOurs = mapping.at("internal_client") == known.facts.at("local_address");
-            if (!lacks(now, mapping))
+            if (Has(now, place, mapping))
                 ++verified;
             else if (isOurs)
                 Tell("mapping_lost", known, mapping, "lost: " + MappingLine(mapping));
@@ -134,11 +156,13 @@ private:
         if (verified > 0)
             TellProgram("mappings_verified", known, verified);
         m_Verified += verified;
-        for (const Json& mapping : now) {
-            if (lacks(known.mappings, mapping))
+        for (const auto& [place, mapping] : now) {
+            if (m_Session.Interrupted())
+                return;
+            if (!Has(known.mappings, place, mapping))
                 Tell("mapping_added", known, mapping, "added: " + MappingLine(mapping));
         }
-        known.mappings = now;
+        known.mappings = std::move(now);
     }
 
     void Tell(const char* event, const Known& gateway, const Json& value, const std::string& line)
