@@ -116,6 +116,13 @@ TEST_F(Exchange, OneRecordPerPortIsKeptUntilItsMappingIsDeleted)
     EXPECT_EQ(device->GetIndivPortMaps(), (std::map<unsigned, unsigned>{{8080, 8080}}));
     EXPECT_TRUE(device->DeleteIndivPortMaps(cancel));
     EXPECT_EQ(Asked("DeletePortMapping"), 3) << "8080 once, 6000 of each protocol";
+
+    auto& own = device->GetPortMaps();
+    own.push_back(new CUPnPPortMap(70, "TCP", "127.0.0.1", ""));
+    InTheWait([&] { own.push_back(new CUPnPPortMap(71, "TCP", "127.0.0.1", "")); });
+    EXPECT_TRUE(device->DeletePortMaps(cancel));
+    ASSERT_EQ(own.size(), 1U);
+    EXPECT_EQ(own[0]->ExternalPort(), 71U) << "came meanwhile, so its mapping is still there";
 }
 
 TEST_F(Exchange, SomeMakersPortsAreDisabledBeforeTheyAreDeleted)

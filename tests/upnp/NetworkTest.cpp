@@ -100,6 +100,41 @@ TEST_F(NetworkOnALan, AnAnnouncementIsShownToTheHostAndThenActedOn)
     EXPECT_EQ(events[4], (std::pair<unsigned int, CUPnPObject*>(UPnPEventDeviceReleased, record)));
 }
 
+TEST_F(NetworkOnALan, WhoGoesAwayMakesRoomInAFullRegistry)
+{
+    const TestClock clock;
+    Begin();
+    for (int i = 0; i < 130; ++i) {
+        Answer({.source = "10.0.1." + std::to_string(i), .usn = "uuid:" + std::to_string(i)});
+        network->GetUPnPDevice(std::min(i, 127))->GetType() = kGatewayType;
+    }
+    EXPECT_EQ(network->NumDevices(), 128U);
+    network->GetUPnPDevice(0)->GetPortMaps().push_back(new CUPnPPortMap(70, "TCP", "127.0.0.1", ""));
+    TestClock::Advance(1);
+    for (int i = 2; i < 128; ++i)
+        network->GetUPnPDevice(i)->SetMaxAge(1); // heard from later than the first two
+    TestClock::Advance(600000);
+    for (int tick = 0; tick < 2; ++tick, network->Tickle())
+        EXPECT_EQ(network->NumDevices(), 128U - static_cast<unsigned>(tick)) << "room for one";
+    EXPECT_EQ(network->NumDevices(), 127U);
+    EXPECT_EQ(network->GetUPnPDevice("uuid:1"), nullptr) << "silent for longest of those without mappings";
+}
+
+TEST_F(NetworkOnALan, ADeviceGoesWithTheAddressThroughWhichItWasReached)
+{
+    Begin();
+    for (const char* const local : {"192.0.2.7", "127.0.0.1", "192.0.2.7", ""}) {
+        const std::string name = std::to_string(network->NumDevices());
+        Answer({.localAddress = local, .source = name, .usn = "uuid:" + name});
+        network->GetUPnPDevice(static_cast<int>(network->NumDevices()) - 1)->GetType() = kGatewayType;
+    }
+    network->Discover();
+    network->Tickle();
+    network->Tickle();
+    ASSERT_EQ(network->NumDevices(), 2U);
+    EXPECT_EQ(network->GetUPnPDevice(0)->GetIpAddr(), L"127.0.0.1");
+}
+
 constexpr const char* kHome = "10.77.1.1";
 constexpr DWORD kMinuteMs = 60000;
 
