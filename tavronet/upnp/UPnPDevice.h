@@ -19,7 +19,7 @@ namespace tavronet
 {
 class TreeBytes;
 class DeviceNames;
-}
+} // namespace tavronet
 
 /// One device: where it was heard from, what its description says, and the port mappings made through it.
 ///
