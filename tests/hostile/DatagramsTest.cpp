@@ -36,7 +36,7 @@ protected:
     }
 
     HostileClient client{UPnPDialectModern, "0.0.0.0"};
-    CUPnPSSDPSocket socket{"127.0.0.1", 0, &client.network};
+    CUPnPSSDPSocket socket{"127.0.0.1", 0, client.network.get()};
 };
 
 TEST_F(HostileDatagrams, OfThousandsFillNoMoreThanTheRegistry)
@@ -64,8 +64,8 @@ TEST_F(HostileDatagrams, OfThousandsFillNoMoreThanTheRegistry)
             if (i % 50 != 0)
                 continue;
             TestClock::Advance(500);
-            client.network.Tickle();
-            most = std::max(most, client.network.NumDevices());
+            client.network->Tickle();
+            most = std::max(most, client.network->NumDevices());
         }
         EXPECT_EQ(most, describes ? tavronet::kMaxDevices : tavronet::kMaxUndescribedDevices);
         describes = true;
@@ -139,15 +139,16 @@ TEST_F(HostileTargets, AreNotConnectedToAndNothingForgedIsSent)
             CString url(target.url);
             url.Replace(L"PORT", CString(port.c_str()));
             url.Replace(L"WRAP", CString(std::to_string(std::stoi(port) + 65536).c_str()));
-            client.device.reset(MakeRecord(&client.network,
-                                           {.source = target.heardFrom,
-                                            .location = use % 2 == 0 ? Text(url) : client.server.Url("/d")}));
-            if (use % 2 == 0) {
+            const bool asLocation = use % 2 == 0;
+            client.device.reset(MakeRecord(
+                client.network.get(),
+                {.source = target.heardFrom, .location = asLocation ? Text(url) : client.server.Url("/d")}));
+            if (asLocation) {
                 client.device->RequestDescription();
             } else {
                 std::string description = Description();
                 description.replace(description.find("/ctl"), 4, Text(url));
-                client.network.Dialect().ReadDescription(*client.device, description);
+                client.network->Dialect().ReadDescription(*client.device, description);
                 client.Act();
             }
             const auto outcome = [&, &sent = client.server.Requests()] {

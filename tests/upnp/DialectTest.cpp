@@ -112,15 +112,12 @@ std::string With(const std::string& services, const std::string& inRoot = "")
            "</serviceList>\n</device>\n</root>";
 }
 
-TEST(Description, TheModernReaderServesWhatGatewaysWrite)
+TEST(Description, IsReadAsGatewaysWriteIt)
 {
     const std::string ip = Service(kIP1, "/ip"), ppp = Service(kPPP1, "/ppp"),
                       other = "urn:x:service:Other:1";
     const std::string served[] = {
-        std::regex_replace(With(ip), std::regex("\n"), ""),
-        std::regex_replace(With(ip), std::regex("(</?)(\\w)"), "$1d:$2"),
         std::regex_replace(With(ip), std::regex("<(\\w+)>"), "<!-- <$1> --><$1 a='1' b=\"x\">"),
-        std::regex_replace(With(ip), std::regex(">([^<\n]+)<"), "><![CDATA[$1]]><"),
         std::regex_replace(With(ip), std::regex("</device>"), ""),
         "\r\n junk " + With(ip) + "junk </x> \xFF",
         "\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?>" + With("<modelName>caf\xE9</modelName>" + ip),
@@ -128,7 +125,6 @@ TEST(Description, TheModernReaderServesWhatGatewaysWrite)
         With(ppp + "<deviceList><device>" + ip + "</device></deviceList>"),
         With(Service(kIP1, "") + Service(kPPP1, "/ip")),
         With(Service(kIP1, " ") + ip),
-        With(Service("urn:dslforum-org:service:WANPPPConnection:1", "/ip")),
         With(Service("\n  urn:Schemas-UPnP-org:service:WANIPConnection:1\t", " \r\n/ip\r\n ")),
         With(ip, "<URLBase>http://0.0.0.0/</URLBase>"),
         With(Service(kIP1, "ip"), "<URLBase>http://gw:5000/x?y</URLBase>"),
@@ -147,13 +143,9 @@ TEST(Description, TheModernReaderServesWhatGatewaysWrite)
     for (const std::string& document :
          {With(Service(kIP1, "http://gw:0/ip")), With(Service(other, "/x")), other})
         EXPECT_EQ(ControlAddress(ModernDialect(), document), "none") << document;
-}
-
-TEST(Description, TheClassicReaderTakesATagALine)
-{
-    const std::string document = With(Service(kPPP1, "/ppp") + Service(kIP1, "/ip")); // it prefers the latter
+    const std::string both = With(ppp + ip); // the classic reader takes a tag a line, and prefers the latter
     for (const char* const lineEnd : {"\r\n", "\r", " \t\r\n  "})
-        EXPECT_EQ(ControlAddress(ClassicDialect(), std::regex_replace(document, std::regex("\n"), lineEnd)),
+        EXPECT_EQ(ControlAddress(ClassicDialect(), std::regex_replace(both, std::regex("\n"), lineEnd)),
                   "gw|5000|/ip");
 }
 

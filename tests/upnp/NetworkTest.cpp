@@ -2,8 +2,6 @@
 
 #include <malloc.h>
 
-#include <optional>
-
 #include "GatewayRecords.h"
 #include "tavronet/platform/TestSeams.h"
 #include "tavronet/upnp/UPnPDialect.h"
@@ -28,7 +26,8 @@ struct NetworkOnALan : tavronet::OnPrivateLan
     void Answer(const Announced& announced) { network->NewUPnPDevice(MakeRecord(network.get(), announced)); }
     void Notify(const Announced& announced) { network->Notify(MakeRecord(network.get(), announced)); }
 
-    std::vector<std::pair<unsigned int, CUPnPObject*>> events;
+    using Event = std::pair<unsigned int, CUPnPObject*>;
+    std::vector<Event> events;
     std::unique_ptr<CUPnPNetwork> network;
 };
 
@@ -97,7 +96,7 @@ TEST_F(NetworkOnALan, AnAnnouncementIsShownToTheHostAndThenActedOn)
     for (std::size_t left = 2; left > 0; --left, network->Tickle())
         EXPECT_EQ(network->NumDevices(), left) << "one goes with each upkeep";
     ASSERT_TRUE(network->NumDevices() == 0 && events.size() == 5);
-    EXPECT_EQ(events[4], (std::pair<unsigned int, CUPnPObject*>(UPnPEventDeviceReleased, record)));
+    EXPECT_EQ(events[4], (Event(UPnPEventDeviceReleased, record)));
 }
 
 TEST_F(NetworkOnALan, WhoGoesAwayMakesRoomInAFullRegistry)
@@ -144,6 +143,7 @@ struct LongLife : NetworkOnALan
     // A "day" is a part of the counter's turn: what happens at its wrap happens at the next one too.
     static constexpr DWORD kDayMs = 0xFFFFFFFF / 50, kDays = 61, kWrapDay = 4, kDisturbedMs = 15 * kMinuteMs;
     static constexpr int kMany = -1;
+    using Files = std::filesystem::directory_iterator;
 
     /// What happens to the gateway, or on the way there.
     // It begins and, ten minutes later, perhaps ends; how often the gateway is dropped.
@@ -154,15 +154,9 @@ struct LongLife : NetworkOnALan
         network.reset();
         gateway.reset();
         EXPECT_EQ(tavronet::CountLivingObjects(), (tavronet::LivingObjects{0, 0}));
-        EXPECT_EQ(NextDescriptor(), descriptor);
+        EXPECT_EQ(Descriptors(), descriptors);
     }
-    /// What the system gives next, always the lowest that is free.
-    static int NextDescriptor()
-    {
-        const int next = dup(QueueDescriptor());
-        close(next);
-        return next;
-    }
+    static long Descriptors() { return std::ranges::distance(Files("/proc/self/fd")); }
 
     /// The gateway comes up, or comes up again, at another port and without any mappings.
     void Start(const std::string& address, const std::string& option = "--max-age=1800")
@@ -170,39 +164,29 @@ struct LongLife : NetworkOnALan
         gateway.reset();
         gateway.emplace(std::vector<std::string>{"--address", address, option});
     }
+    /// The host's loop, with upkeep as often as it has to be.
     void LiveUntil(DWORD ofDay)
     {
-        while (lived < std::uint64_t{day} * kDayMs + ofDay)
-            Step();
-    }
-    void Step()
-    {
-        const DWORD before = GetTickCount();
-        const std::size_t known = network->NumDevices();
-        TestClock::Advance(Searching() ? 500 : 30000);
-        network->Tickle();
-        // The answer to a search comes before the time goes on.
-        const bool searches = network->NumDevices() == 0 && (known > 0 || Searching());
-        EXPECT_TRUE(!searches || !gateway || unplugged || PumpUntil([this] { return Described(); }));
-        DispatchPending();
-        KeepMapping();
-        lived += ElapsedMs(GetTickCount(), before); // waits for nothing took time, too
+        while (lived < std::uint64_t{day} * kDayMs + ofDay) {
+            const DWORD before = GetTickCount();
+            const std::size_t known = network->NumDevices();
+            TestClock::Advance(Searching() ? 500 : 30000);
+            network->Tickle();
+            // The answer to a search comes before the time goes on.
+            const bool searches = network->NumDevices() == 0 && (known > 0 || Searching());
+            EXPECT_TRUE(!searches || !gateway || unplugged || PumpUntil([this] { return Described(); }));
+            DispatchPending();
+            if (Described() && !unplugged && wantsMapping == Described()->GetIndivPortMaps().empty())
+                wantsMapping ? Described()->AddPortMap(nullptr, 8080, "game", nullptr)
+                             : Described()->DeletePortMap(nullptr, 8080, nullptr);
+            lived += ElapsedMs(GetTickCount(), before); // waits for nothing took time, too
+        }
     }
     bool Searching() const { return ElapsedMs(GetTickCount(), network->GetDiscoverTick()) < 10000; }
     CUPnPDevice* Described() const
     {
         CUPnPDevice* const device = network->GetUPnPDevice(0);
         return device != nullptr && device->DiscoverComplete() ? device : nullptr;
-    }
-    void KeepMapping() const
-    {
-        CUPnPDevice* const device = unplugged ? nullptr : Described();
-        if (device == nullptr || wantsMapping != device->GetIndivPortMaps().empty())
-            return;
-        if (wantsMapping)
-            device->AddPortMap(nullptr, 8080, "game", nullptr);
-        else
-            device->DeletePortMap(nullptr, 8080, nullptr);
     }
     bool IsMapped() const
     {
@@ -236,10 +220,9 @@ struct LongLife : NetworkOnALan
         LiveUntil(39 * kMinuteMs);
         EXPECT_GT(gateway->Logged("soap GetSpecificPortMappingEntry"), checks);
         EXPECT_TRUE(AllIsWell()) << "stays well";
-        const auto drops =
-            std::ranges::count(events, UPnPEventDeviceReleased, [](const auto& e) { return e.first; });
+        const auto drops = std::ranges::count(events, UPnPEventDeviceReleased, &Event::first);
         EXPECT_TRUE(drops == mayDrop || (mayDrop == kMany && drops > 2)) << drops;
-        EXPECT_LT(NextDescriptor(), descriptor + 20);
+        EXPECT_LT(Descriptors(), descriptors + 20);
 
         wantsMapping = false;
         LiveUntil(40 * kMinuteMs);
@@ -253,7 +236,7 @@ struct LongLife : NetworkOnALan
     TestClock clock{0 - (kWrapDay * kDayMs + kDisturbedMs + 15000)};
     DWORD day = 0;
     std::uint64_t lived = 0;
-    const int descriptor = NextDescriptor();
+    const long descriptors = Descriptors();
     bool wantsMapping = false;
     std::optional<NoAdapters> unplugged; // a machine without a cable has no adapters
     std::optional<tavronet::GatewayProcess> gateway;

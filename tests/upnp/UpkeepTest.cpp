@@ -33,7 +33,7 @@ TEST_F(Upkeep, WhatItAnswersInEachState)
             device->SetIssuedRediscover(true);
         return *device;
     };
-    const auto asked = [&] { Ask(server.Url("/d")); };
+    const auto asked = [&] { Ask({.location = server.Url("/d")}); };
     const std::tuple<const char*, DWORD, DWORD, bool, std::function<void()>> rows[] = {
         {"described", kSomeTick, 40000, true, described},
         {"to be released", kSomeTick, 0, false, [&] { described().SetRelease(true); }},
@@ -41,8 +41,9 @@ TEST_F(Upkeep, WhatItAnswersInEachState)
         {"not described in time", kSomeTick, 30001, false, asked},
         {"not yet, across the wrap", kWrapIn1s, 30000, true, asked},
         {"not in time, across the wrap", kWrapIn1s, 30001, false, asked},
-        {"asked for nowhere", kSomeTick, 0, false, [&] { Ask("http://127.0.0.1:0/"); }},
-        {"the same right after the wrap", 20000, 10000, true, [&] { Ask("http://127.0.0.1:0/"); }},
+        {"asked for nowhere", kSomeTick, 0, false, [&] { Ask({.location = "http://127.0.0.1:0/"}); }},
+        {"the same right after the wrap", 20000, 10000, true,
+         [&] { Ask({.location = "http://127.0.0.1:0/"}); }},
         {"expired and searched for", kSomeTick, 0, true, [&] { searchedInVain(3); }},
         {"in vain", kSomeTick, 0, false, [&] { searchedInVain(4); }},
         {"again", kSomeTick, 0, true, [&] { searchedInVain(4).SetMaxAge(0), device->SetMaxAge(-1); }},
