@@ -4,11 +4,8 @@
 #include "RandomHost.h"
 #include "tavronet/api/UPnPApi.h"
 #include "tavronet/platform/Event.h"
-#include "tavronet/platform/TickCount.h"
-#include "tavronet/upnp/UPnPDevice.h"
-#include "tavronet/upnp/UPnPNetwork.h"
-#include "tavronet/upnp/UPnPService.h"
 #include "tests/support/Programs.h"
+#include "tests/upnp/GatewayRecords.h"
 
 namespace
 {
@@ -35,8 +32,6 @@ class GatewayHost : public RandomHost
 public:
     explicit GatewayHost(unsigned seed) : RandomHost(seed)
     {
-        s_Now = OneIn(4) ? 0xFFFFFFFF - 20000 : 1000000; // the counter wraps, now and then
-        SetTickSource([] { return s_Now; });
         SetWaitHook([](void* raw) { static_cast<GatewayHost*>(raw)->TimePasses(); }, this);
         for (const char* const address : {"10.77.1.1", "10.77.2.1"}) {
             Texts options = Pick(kGateways);
@@ -49,12 +44,11 @@ public:
         m_Network.reset();
         UPnPClose();
         SetWaitHook(nullptr, nullptr);
-        SetTickSource(nullptr);
         CloseHandle(m_Cancel);
     }
 
 private:
-    struct PortMaps : std::vector<CUPnPPortMap*>
+    struct PortMaps : PortMapList
     {
         ~PortMaps() { CUPnPDevice::ReleasePortMaps(*this); }
     };
@@ -62,7 +56,7 @@ private:
     /// The wait hook: time flies, and the host has something to do.
     void TimePasses()
     {
-        s_Now += Below(100);
+        TestClock::Advance(Below(100));
         if (m_Settled || OneIn(8))
             return; // the gateways get their turn
         const auto act = [](void* raw) { static_cast<GatewayHost*>(raw)->Act(); };
@@ -111,9 +105,9 @@ private:
         case 8: return m_Network->Discover();
         case 9: return m_Network->Rediscover();
         case 10: return m_Network->ReleaseUPnPDevice(device);
-        case 11: return m_Network->Notify(Record("NOTIFY * HTTP/1.1\r\nNTS: ssdp:byebye"));
-        case 12: return m_Network->Notify(Record("NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive"));
-        case 13: return m_Network->NewUPnPDevice(Record("HTTP/1.1 200 OK"));
+        case 11: return m_Network->Notify(Record("ssdp:byebye"));
+        case 12: return m_Network->Notify(Record("ssdp:alive"));
+        case 13: return m_Network->NewUPnPDevice(Record(""));
         case 14: m_Network->SetDialect(static_cast<int>(Below(2))); return;
         case 15: return m_Network->SetCancelEvent(Cancel());
         default: return OneIn(2) ? PumpOrThrow() : m_Network->Tickle();
@@ -147,14 +141,14 @@ private:
         const std::size_t count = m_Network != nullptr ? m_Network->NumDevices() : 0;
         return count > 0 ? m_Network->GetUPnPDevice(static_cast<int>(Below(count))) : nullptr;
     }
-    CUPnPDevice* Record(const std::string& start)
+    CUPnPDevice* Record(const char* nts)
     {
-        std::string datagram = start + "\r\nLOCATION: " + Pick(m_Gateways)->Url() +
-                               "\r\nUSN: uuid:" + std::to_string(Below(9)) +
-                               "\r\nCACHE-CONTROL: max-age=9\r\n\r\n";
-        auto record = std::make_unique<CUPnPDevice>(nullptr, m_Network.get());
-        record->Init("10.77.1.2", "10.77.1.1", 1900, datagram.data());
-        return record.release();
+        return MakeRecord(m_Network.get(), {.localAddress = "10.77.1.2",
+                                            .source = "10.77.1.1",
+                                            .location = Pick(m_Gateways)->Url(),
+                                            .usn = "uuid:" + std::to_string(Below(9)),
+                                            .nts = nts,
+                                            .cacheControl = "max-age=9"});
     }
     HANDLE Cancel()
     {
@@ -181,7 +175,7 @@ private:
         EXPECT_TRUE(devices == 0 || m_Network->NumDevices() == 0);
     }
 
-    inline static DWORD s_Now = 0;
+    const TestClock m_Clock{OneIn(4) ? 0xFFFFFFFF - 20000 : 1000000}; // the counter wraps, now and then
     std::vector<std::unique_ptr<GatewayProcess>> m_Gateways;
     std::unique_ptr<CUPnPNetwork> m_Network;
     const HANDLE m_Cancel = CreateEventW(nullptr, 1, 0, nullptr);

@@ -62,7 +62,6 @@ const Peer kPeers[] = {
      "-1|-2147483649|0|00000000000000000000|1|1048577|2147483647|2147483648|4294967295|4294967297|"
      "18446744073709551615|18446744073709551617|1e9|0x10||+9|",
      "\r\n\r\n" + Description()},
-    {"FirstChunkSize", Kind::Each, kChunked, kChunkSizes, kBehindChunk},
     {"SecondChunkSize", Kind::Each, kChunked + "1\r\n<\r\n", kChunkSizes, kBehindChunk},
     {"FiftyThousandLevels", Kind::Full, Times(50000, "<device>\n"), "\n", Times(50000, "</device>\n")},
     {"LevelsOnOneLine", Kind::Full, Times(16000, "<device>"), "x", Times(16000, "</device>")},
@@ -72,11 +71,9 @@ const Peer kPeers[] = {
     {"Attributes", Kind::Full, "<r", " a=''", "/>"},
     {"OneLine", Kind::Full, "<friendlyName>", "x", "</friendlyName>", 64},
     {"LineFeeds", Kind::Full, "", "\n", "", 64},
-    {"ZeroBytes", Kind::Full, "<a>", std::string(1, '\0')},
     {"BeginningsOfTags", Kind::Full, "<device>", "<devicetyp", "</"},
     {"EndTagsOfOthers", Kind::Full, "<a>", "</b>"},
     {"Ampersands", Kind::Full, "<friendlyName><![CDATA[", "&", "]]></b>"},
-    {"CData", Kind::Full, "", "<![CDATA[]]>"},
     {"CommentsNeverClosed", Kind::Full, "", "<!--"},
     {"Declarations", Kind::Full, "<!DOCTYPE ", "["},
     {"Entities", Kind::Full, "<!DOCTYPE a [<!ENTITY x '" + Times(1000, "y") + "'>]><a>", "&x;", "</a>"},
@@ -192,8 +189,9 @@ TEST(EndlessTable, IsReadToItsLastIndexOrAsLongAsItsTextsAreShort)
 void Register(HostileClient& client)
 {
     const std::string name = std::to_string(client.nodes);
-    client.network.NewUPnPDevice(MakeRecord(
-        &client.network, {.source = "", .location = client.server.Url("/" + name), .usn = "uuid:" + name}));
+    client.network->NewUPnPDevice(
+        MakeRecord(client.network.get(),
+                   {.source = "", .location = client.server.Url("/" + name), .usn = "uuid:" + name}));
 }
 
 TEST(SilentGateways, KeepNothingBelowTheWaitsInTheirEvents)
@@ -205,7 +203,7 @@ TEST(SilentGateways, KeepNothingBelowTheWaitsInTheirEvents)
         client.server.AnswerBy([&](const std::string& request) {
             return ScriptedServer::Reply(request.starts_with("GET") ? large : "", false);
         });
-        client.network.SetUPnPEventCallback([](void* raw, unsigned int code, CUPnPObject* node) {
+        client.network->SetUPnPEventCallback([](void* raw, unsigned int code, CUPnPObject* node) {
             auto& host = *static_cast<HostileClient*>(raw);
             if (code != UPnPEventDeviceDescribed || node->ParentDepth() != 0)
                 return;

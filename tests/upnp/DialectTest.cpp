@@ -50,24 +50,13 @@ TEST(Answer, IsFramedByItsLengthOrItsChunksOrByTheClose)
     }
 }
 
-TEST(Answer, IsReadForWhatWasAsked)
+TEST(Answer, OfAFaultThatIsSaidToBeASuccessIsRead)
 {
-    const std::string fault = "<errorCode>714</errorCode>\r\n<errorDescription>None</errorDescription>\r\n";
-    const std::tuple<int, std::string, const char*> rows[] = {
-        // the status; what was asked for and the fault, in the classic and in the modern dialect
-        {200, "<NEWip>1.2.3.4</NEWip>\n<NewIP></NewIP>", "1.2.3.4 1.2.3.4 "},
-        {200, "<m:NewIP>1</m:NewIP>", "sent 1 "},
-        {500, fault + "<NewIP>1</NewIP>", "sent714None sent714None "},
-        {200, fault, "sent sent714None "}, // some gateways say success
-    };
-    for (const auto& [status, body, expected] : rows) {
-        std::string read;
-        for (const auto* const dialect : {&ClassicDialect(), &ModernDialect()}) {
-            tavronet::ActionAnswer answer{status, {L"NewIP", L"sent"}, {}, {}};
-            dialect->ReadAnswer(answer, body);
-            read += Text(answer.results[1] + answer.errorCode + answer.errorDescription) + " ";
-        }
-        EXPECT_EQ(read, expected) << body;
+    for (const auto* const dialect : {&ClassicDialect(), &ModernDialect()}) {
+        tavronet::ActionAnswer answer{200, {L"NewIP", L"sent"}, {}, {}};
+        dialect->ReadAnswer(answer, "<NEWip>1</NEWip>\r\n<errorCode>714</errorCode>\r\n");
+        EXPECT_EQ(answer.results[1], L"1");
+        EXPECT_EQ(answer.errorCode, dialect == &ModernDialect() ? L"714" : L"");
     }
 }
 
