@@ -56,8 +56,8 @@ TEST_F(ProductCompression, EverySendCanBeInflatedAtOnce)
     const std::string first = Sends("a short text");
     EXPECT_EQ(first.substr(0, 1), "\x78") << "zlib format, window of 32 KiB";
     EXPECT_EQ(peer.Inflated(first), "a short text") << "the present compressor keeps its level";
-    for (int i = 0; i < 3000; ++i) { // also those that fill the room of the output exactly
-        const std::string text = Made(i % 50 + 1U, i % 3 == 0, random);
+    for (unsigned i = 0; i < 3000; ++i) { // also those that fill the room of the output exactly
+        const std::string text = Made(i % 50 + 1, i % 3 == 0, random);
         ASSERT_EQ(peer.Inflated(Sends(text)), text);
     }
     socket.SetNotZlibType();

@@ -6,7 +6,6 @@
 #include <string>
 #include <tuple>
 
-#include "HookScenario.h"
 #include "ScriptedProduct.h"
 #include "ToySSL.h"
 #include "tavronet/platform/TestSeams.h"
@@ -77,7 +76,7 @@ TEST_P(ProductSSLPassage, InAndOutTwiceWhateverOneCallAnswers)
             return call == faultAt && (wanted != ToySSL::kRetry || entry == "shake") ? wanted : 0;
         };
         both.socket.SetSSLServer(server, false);
-        for (const unsigned round : {1, 2}) {
+        for (const unsigned round : {1U, 2U}) {
             Enter(both.socket, round);
             both.socket.Send("secret");
             both.peer.Writes(kToyHello + ToyData("in "));
@@ -200,16 +199,6 @@ TEST(ProductSSL, ASessionThatCannotGoOnCanBeLeft)
              both.peer.Writes("U injected");
          },
          "late ", "entered , closed 0, left, "},
-        {"leaving waits for the handshake and the queue", false,
-         [](Connection& both) {
-             Enter(both.socket);
-             both.socket.Send(bulk.c_str());
-             both.socket.StopSSLMode();
-             EXPECT_TRUE(both.socket.GetExitSSLModeWhenDone());
-             EXPECT_FALSE(both.socket.CanClose());
-             both.peer.Writes(std::string(kToyHello) + kToyClose);
-         },
-         "", "entered , left, ", bulk},
         {"leaving waits for the host's gate", true,
          [](Connection& both) {
              both.socket.OkayToSendScript = [] { return false; };
@@ -245,7 +234,13 @@ TEST(ProductSSL, ASessionThatCannotGoOnCanBeLeft)
          "clear", "left, "},
         {"a record is corrupt", true, [](Connection& both) { both.peer.Writes(ToyData("good") + "?"); },
          "good", "closed 10053, left, "},
-        {"the host closes", true, [](Connection& both) { both.socket.Close(); }, "", "left, "},
+        {"the host closes and connects anew", true,
+         [](Connection& both) {
+             both.socket.Send(bulk.c_str());
+             both.socket.Close();
+             both.pair.Connect();
+         },
+         "", "left, "},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
@@ -279,62 +274,5 @@ TEST(ProductSSL, ASessionThatCannotGoOnCanBeLeft)
         both.Await([&] { return both.got.clear == "open"; });
     }
 }
-
-// --- A host that does what it likes in a hook
-
-class SSLScenario : ToySSL, public HookScenario<ScriptedProduct>
-{
-public:
-    SSLScenario(const std::string& hook, const std::string& action, bool after)
-        : HookScenario(hook, action, after), m_Hello(hook == "NotifySSLAcceptError" ? "no hello" : kToyHello)
-    {
-        socket->SetDeleteWhenDone(true);
-        socket->OnCloseScript = [this](int error) { socket->BaseOnClose(error); };
-        StartStreams();
-    }
-
-private:
-    std::string OnTheWire(const std::string& text) override { return ToyData(text); }
-    std::string Plain(const std::string& wire) override
-    {
-        m_Reader.Feed(wire);
-        return std::exchange(m_Reader.plain, "");
-    }
-    std::string LastBytes() override { return kToyClose; }
-    void StartStreams() override
-    {
-        m_Reader = {};
-        try {
-            Enter(*socket, ++m_Mode);
-        } catch (const int&) {
-        }
-        peer.Writes(std::exchange(m_Hello, kToyHello));
-    }
-    void Act(const std::string& action) override
-    {
-        action == "stop" ? socket->StopSSLMode() : HookScenario::Act(action);
-    }
-
-    UINT m_Mode = 0;
-    std::string m_Hello;
-    ToyReader m_Reader;
-};
-
-class ProductSSLReentry : public testing::TestWithParam<const char*>
-{};
-
-TEST_P(ProductSSLReentry, AnActionInAHookLeavesTheSocketWholeOrGone)
-{
-    MeetEvery<SSLScenario>(
-        {"delete", "close", "renew", "send", "receive", "release", "pump", "throw", "stop", "streams"},
-        GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Hooks, ProductSSLReentry,
-                         testing::Values("NotifySSLAcceptPending", "NotifySSLAcceptSuccess",
-                                         "NotifySSLAcceptError", "NotifySSLConnectionShutdown", "OnConnect",
-                                         "ReceiveData", "ProcessReceive", "SendData", "OnClose",
-                                         "BytesOutCompressed"),
-                         [](const auto& run) { return std::string(run.param); });
 
 } // namespace

@@ -13,8 +13,8 @@ inline constexpr char kToyHello[] = "\x01", kToyClose[] = "\x02";
 inline std::string ToyData(const std::string& text)
 {
     std::string wire;
-    for (const unsigned char c : text)
-        wire += {static_cast<char>(0x80 | c >> 4), static_cast<char>(0x80 | (c & 15))};
+    for (const int c : text)
+        wire += {static_cast<char>(0x80 | (c >> 4 & 15)), static_cast<char>(0x80 | (c & 15))};
     return wire;
 }
 
@@ -22,10 +22,10 @@ struct ToyReader
 {
     void Feed(const std::string& wire)
     {
-        for (const unsigned char c : wire) {
+        for (const int c : wire) {
             if (c == kToyHello[0] || c == kToyClose[0])
                 ++(c == kToyHello[0] ? hellos : closes);
-            else if (c < 0x80)
+            else if ((c & 0x80) == 0)
                 clear += static_cast<char>(c);
             else if (m_High == 0)
                 m_High = c;
