@@ -125,7 +125,9 @@ private:
     }
     void FollowUp(const std::string& hook)
     {
-        if (hook == "OnSend" || (hook == "ProcessReceive" && load.OneIn(4)))
+        const bool isMidway =
+            hook == "ProcessReceive" || hook == "BytesOutCompressed"; // nested in another send
+        if (hook == "OnSend" || (isMidway && load.OneIn(4)))
             Feed();
         if (hook == "OnClose")
             StopSSLMode(); // it may be the session alone that was closed

@@ -178,9 +178,7 @@ ToySSL::ToySSL()
     table.m_pSSL_CTX_set_default_passwd_cb = [](Context, SSLPasswordCallback set) { toy->phrase = set; };
     table.m_pSSL_CTX_set_default_passwd_cb_userdata = [](Context, void* data) { toy->phraseData = data; };
     table.m_pSSL_CTX_use_PrivateKey_file = [](Context, Path file, int) { return Noted("key ", file); };
-    table.m_pSSL_CTX_load_verify_locations = [](Context, const char* file, auto) {
-        return Noted("ca ", file);
-    };
+    table.m_pSSL_CTX_load_verify_locations = [](Context, auto file, auto) { return Noted("ca ", file); };
     table.m_pSSL_CTX_trust_loaded = [](Context) { return Noted("trust"); };
     table.m_pSSL_CTX_set_cipher_list = [](Context, const char* list) {
         return Noted(std::string(list).find("!EXP:!LOW") != std::string::npos ? "standard" : "weak");
