@@ -119,9 +119,10 @@ private:
         const int errors[] = {WSAEWOULDBLOCK, WSAECONNABORTED, WSAECONNRESET, WSAENOBUFS};
         const int few = static_cast<int>(Below(3));
         const auto act = [](void* raw) { static_cast<SocketHost*>(raw)->Act(); };
-        switch (Below(64)) { // mostly what keeps connections alive
+        switch (Below(80)) { // mostly what keeps connections alive
         case 0: return Replace(socket);
-        case 1: return socket.Close();
+        case 1:
+        case 2: return socket.Close();
         case 3: socket.CAsyncSocket::Attach(socket.Detach(), FD_ALL); return; // another life of the handle
         case 4: return socket.SetOkayToSend(OneIn(2));
         case 5: socket.AsyncSelect(static_cast<LONG>(Below(FD_ALL + 1))); return;
@@ -135,36 +136,28 @@ private:
         case 13: return socket.SetOnReceivePeekBufferSize(Below(22500));
         case 14: return socket.OnSend(0);
         case 15: return PostThreadCall(CurrentThreadQueue(), act, this);
+        case 16: return socket.PauseReceive(OneIn(2));
+        case 17: return socket.IncrementPendingPackets();
+        case 18: return socket.SetDeleteWhenDone(OneIn(2));
+        case 19: socket.CanClose(); return;
+        case 20: return socket.SetNotZlibType();
+        case 21: socket.SetZlibType(); return static_cast<void>(socket.InitCompression(15));
+        case 22: return socket.StopSSLMode();
+        case 23: return socket.SetOkayToCloseDuringSSLShutdown(OneIn(2));
+        case 24: return EnterSSL(socket, OneIn(2));
         }
-        if (OneIn(4))
-            return DoWithConnection(socket);
-        switch (Below(8)) {
+        switch (Below(9)) {
         case 0: return PumpOrThrow();
         case 1: return Open(socket);
         case 2: socket.AsyncSelect(); return;
         case 3: return socket.OnReceive(0);
+        case 4: return socket.PacketProcessed();
         default:
             if (socket.GetSocket() != INVALID_SOCKET)
                 return Exchange(socket);
             return OneIn(3) ? Open(socket) : Attach(socket);
         }
     }
-    void DoWithConnection(Socket& socket)
-    {
-        switch (Below(12)) {
-        case 0: return socket.PauseReceive(OneIn(2));
-        case 1: return socket.IncrementPendingPackets();
-        case 2: return socket.SetDeleteWhenDone(OneIn(2));
-        case 3: socket.CanClose(); return;
-        case 4: return socket.SetNotZlibType();
-        case 5: socket.SetZlibType(); return static_cast<void>(socket.InitCompression(15));
-        case 6: return socket.StopSSLMode();
-        case 7: return socket.SetOkayToCloseDuringSSLShutdown(OneIn(2));
-        case 8: return EnterSSL(socket, OneIn(2));
-        default: socket.PacketProcessed();
-        }
-    }
-
     void Replace(Socket& socket)
     {
         const auto is = [&](const auto& each) { return each.get() == &socket; };
