@@ -107,6 +107,7 @@ TEST(Description, IsReadAsGatewaysWriteIt)
                       other = "urn:x:service:Other:1";
     const std::string served[] = {
         std::regex_replace(With(ip), std::regex("<(\\w+)>"), "<!-- <$1> --><$1 a='1' b=\"x\">"),
+        std::regex_replace(With(ip), std::regex(">([^<\n]+)<"), "><![CDATA[$1]]><"),
         std::regex_replace(With(ip), std::regex("</device>"), ""),
         "\r\n junk " + With(ip) + "junk </x> \xFF",
         "\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?>" + With("<modelName>caf\xE9</modelName>" + ip),

@@ -81,6 +81,7 @@ TEST_F(Exchange, AWaitThatFailsSendsTheNextActionInItsStead)
 {
     const std::function<void()> failures[] = {
         [&] { SetEvent(cancel); }, [&] { server.End(server.Connections() - 1); },
+        [&] { server.Write(server.Connections() - 1, "HTTP/1.1 200 OK\r\nContent-Length: 2000000\r\n\r\n"); },
         [] { TestClock::Advance(10000); }, // the counter has wrapped
     };
     TestClock::s_Now = 0xFFFFFFFFU - 5000;
