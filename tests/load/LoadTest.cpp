@@ -145,11 +145,11 @@ private:
         IncrementPendingPackets();
         return taken > 0;
     }
-    /// Sends on, unless much waits.
+    /// Sends on, unless much waits or the connection is no more: half of it may live, and the session has been left.
     void Feed()
     {
         constexpr int kMostQueued = 100000;
-        if (m_Sent == load.due || GetSendBufferSize() > kMostQueued)
+        if (m_Sent == load.due || GetSendBufferSize() > kMostQueued || (killed && IsCut()))
             return;
         const int longest = load.OneIn(4) ? 16 : load.OneIn(3) ? 65536 : 4096;
         const int length = static_cast<int>(std::min<long long>(1 + load.Below(longest), load.due - m_Sent));
