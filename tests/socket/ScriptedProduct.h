@@ -36,7 +36,6 @@ public:
     using CTavroProductSocket::SendData;
     using CTavroProductSocket::SetCompressionLevel;
     using CTavroProductSocket::SetMaxInflatedBytes;
-    using CTavroProductSocket::UsingCompression;
 
     /// As where a close alert only ends the session.
     void BaseOnClose(int error)

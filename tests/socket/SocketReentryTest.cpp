@@ -90,6 +90,7 @@ protected:
     virtual std::string OnTheWire(const std::string& text) { return text; }
     virtual std::string Plain(const std::string& wire) { return wire; }
     virtual void StartStreams() {}
+    virtual void StopStreams() {}
     virtual std::string LastBytes() { return ""; }
 
 private:
@@ -113,11 +114,7 @@ private:
                      socket->PauseReceive(true), socket->PauseReceive(false);
              }},
             {"streams", [this] { StartStreams(); }},
-            {"stop",
-             [&] {
-                 if constexpr (requires { socket->StopSSLMode(); })
-                     socket->StopSSLMode();
-             }},
+            {"stop", [this] { StopStreams(); }},
         };
         actions.at(action)();
     }
@@ -140,6 +137,7 @@ struct Compressed : Scenario<ScriptedProduct>
         EXPECT_TRUE(socket->InitCompression(15));
         zlib = std::make_unique<ZlibPeer>();
     }
+    void StopStreams() override { socket->SetNotZlibType(); }
 
     std::unique_ptr<ZlibPeer> zlib;
 };
@@ -165,6 +163,7 @@ struct Secure : Scenario<ScriptedProduct>
         peer.Writes(std::exchange(hello, kToyHello));
         socket->SetSSLMode(++mode, true, false, L"c", L"k", L"a", "ten chars!");
     }
+    void StopStreams() override { socket->StopSSLMode(); }
 
     UINT mode = 0;
     std::string hello;
