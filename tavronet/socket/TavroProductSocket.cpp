@@ -166,7 +166,7 @@ void CTavroProductSocket::PauseReceive(bool pause)
     if (!guard.Alive() || handle == 0 || HandleId() != handle)
         return;
     if (m_bReceiveEnabled != wasEnabled && !m_bInOnClose)
-        AsyncSelect(m_bReceiveEnabled ? FD_ALL : kPausedEvents);
+        LookForInput(m_bReceiveEnabled ? FD_ALL : kPausedEvents);
 }
 
 void CTavroProductSocket::PacketProcessed()
