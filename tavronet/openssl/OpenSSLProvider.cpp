@@ -166,6 +166,17 @@ int WithoutOldErrors(Arguments... arguments)
     return function(arguments...);
 }
 
+/// A peer that asks for new keys while it still sends may be answered behind our close alert, where it takes what comes
+/// for clear text.
+int Shutdown(SSL* session)
+{
+    ERR_clear_error();
+    const int result = SSL_shutdown(session);
+    if (result >= 0) // our alert has been sent
+        BIO_ctrl(SSL_get_wbio(session), tavronet::kDropWrites, 0, nullptr);
+    return result;
+}
+
 bool IsAddress(const char* name)
 {
     unsigned char bytes[sizeof(in6_addr)];
@@ -252,7 +263,7 @@ COpenSSL MakeProvider()
     provider.m_pSSL_write = WithoutOldErrors<SSL_write>;
     provider.m_pSSL_CTX_ctrl = ControlContext;
     provider.m_pSSL_get_error = SSL_get_error;
-    provider.m_pSSL_shutdown = WithoutOldErrors<SSL_shutdown>;
+    provider.m_pSSL_shutdown = Shutdown;
     provider.m_pSSL_get_peer_certificate = SSL_get1_peer_certificate;
     provider.m_pSSL_set_accept_state = SSL_set_accept_state;
     provider.m_pSSL_set_connect_state = SSL_set_connect_state;

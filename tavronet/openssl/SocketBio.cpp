@@ -26,6 +26,7 @@ constexpr std::size_t kMostAhead = 1024;
 struct SocketState
 {
     int handle = -1;
+    bool dropsWrites = false;
     bool drained = false;       // the last read has taken all that the system had, and nobody has asked since
     std::size_t aheadBegin = 0; // read ahead, to be given first
     std::size_t aheadEnd = 0;
@@ -62,6 +63,8 @@ SocketState& StateOf(BIO* bio)
 
 int Write(BIO* bio, const char* data, int length)
 {
+    if (StateOf(bio).dropsWrites)
+        return length;
     errno = 0;
     const auto sent =
         static_cast<int>(send(StateOf(bio).handle, data, static_cast<std::size_t>(length), MSG_NOSIGNAL));
@@ -133,6 +136,7 @@ long Control(BIO* bio, int command, long argument, void* pointer)
     case kSSLBioTakeAhead:
         return static_cast<long>(StateOf(bio).Take(pointer, static_cast<std::size_t>(argument)));
     case kSSLBioGiveAhead: return StateOf(bio).Give(pointer, static_cast<std::size_t>(argument));
+    case kDropWrites: return StateOf(bio).dropsWrites = true;
     case BIO_CTRL_FLUSH:
     case BIO_CTRL_DUP: return 1;
     default: return 0;

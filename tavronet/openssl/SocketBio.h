@@ -10,6 +10,9 @@ namespace tavronet
 /// @param closesHandle whether freeing the object closes the handle.  @return null when memory is exhausted.
 bio_st* NewSocketBio(int handle, int closesHandle);
 
+/// Command of BIO_ctrl: from now on what is written to such an object goes nowhere.
+inline constexpr int kDropWrites = 0x5461;
+
 } // namespace tavronet
 
 #endif

@@ -253,8 +253,10 @@ public:
         SSL_do_handshake(m_Session.get());
         return Output();
     }
-    std::string Says(const std::string& text)
+    std::string Says(const std::string& text, bool asksForNewKeys = false)
     {
+        if (asksForNewKeys)
+            SSL_key_update(m_Session.get(), SSL_KEY_UPDATE_REQUESTED);
         SSL_write(m_Session.get(), text.data(), static_cast<int>(text.size()));
         return Output();
     }
@@ -306,7 +308,9 @@ TEST_F(SessionTest, BehindTheCloseAlertIsClearTextAlsoAfterAPause)
 {
     server.PauseReceive(true);
     server.StopSSLMode();
-    std::string segment = client.Says("inside, ");
+    pair.peer.ReadsWaiting(); // our close alert
+    std::string segment = client.Says("in", true);
+    segment += client.Says("side, ", true);
     segment += client.Ends() + "in clear";
     pair.peer.Writes(segment);
     tavronet::PumpUntilQuiet();
@@ -315,6 +319,7 @@ TEST_F(SessionTest, BehindTheCloseAlertIsClearTextAlsoAfterAPause)
     EXPECT_TRUE(Hears("inside, in clear")) << server.received;
     pair.peer.Writes(", later");
     EXPECT_TRUE(Hears("inside, in clear, later")) << server.received;
+    EXPECT_EQ(pair.peer.ReadsWaiting(), "") << "behind our close alert";
 }
 
 TEST_F(SessionTest, BehindTheCloseAlertIsTheNextHandshake)
