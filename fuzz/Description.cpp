@@ -1,6 +1,7 @@
 // A gateway's description, read by both dialects into a device that was heard on the LAN.
 
 #include "Input.h"
+#include "tavronet/upnp/DescriptionBuilder.h"
 #include "tavronet/upnp/UPnPDevice.h"
 #include "tavronet/upnp/UPnPDialect.h"
 #include "tavronet/upnp/UPnPNetwork.h"
@@ -18,6 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         CUPnPDevice device(nullptr, network);
         device.Init("10.77.1.2", "10.77.1.1", 1900, datagram);
         network->Dialect().ReadDescription(device, document.View());
+        tavronet::DescriptionBuilder::RaiseEvents(device);
         device.MatchingDevice("uuid:7461::urn:x");
         device.FindService("urn:schemas-upnp-org:service:WANIPConnection:1");
         const CUPnPService* const service = network->Dialect().FindConnectionService(device);
