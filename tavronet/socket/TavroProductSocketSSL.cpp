@@ -35,8 +35,8 @@ namespace
 constexpr int kDescriptionBytes = 1024;
 constexpr int kLeavingPeekBytes = 100;
 constexpr int kDiscardBytes = 16384;
-constexpr int kRecordBytes = 16384; // the most that a session reads at once
-constexpr int kMaxDiscards = 32;    // a read notification; then the other sockets have their turn
+constexpr int kMostRead = 16385; // a session reads a record at once: a full one is seen to be taken whole
+constexpr int kMaxDiscards = 32; // a read notification; then the other sockets have their turn
 
 enum class Phase
 {
@@ -432,8 +432,7 @@ int CTavroProductSocket::SSLReadsUnasked() const
     if (state.phase != Phase::Established || state.peerClosed)
         return 0;
     const UINT wanted = GetOnReceivePeekBufferSize();
-    return wanted == kDefaultPeekBytes ? kRecordBytes
-                                       : static_cast<int>(std::clamp<UINT>(wanted, 1, kRecordBytes));
+    return wanted == kDefaultPeekBytes ? kMostRead : static_cast<int>(std::clamp<UINT>(wanted, 1, kMostRead));
 }
 
 /// The peer's close alert. @return what the read came to, -1 when the close hook has deleted this socket.
