@@ -85,9 +85,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const char* const address = held.Text();
 
     ParseAndPrint(address);
-    const CString wide(address);
-    if (Narrow(wide) != CStringA(address))
-        return 0; // not UTF-8: its wide twin is another text
+    for (const char* const text : {address, network}) {
+        if (Narrow(CString(text)) != CStringA(text))
+            return 0; // not UTF-8: its wide twin is another text
+    }
     for (const int family : {AF_UNSPEC, AF_INET, AF_INET6})
         ParseFor(address, family, 65535);
     ParseFor(address, AF_UNSPEC, 65536);
